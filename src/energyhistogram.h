@@ -1,0 +1,143 @@
+#pragma once
+// Adaptive histogram of recent frame energies (1 dB bins): learns the noise and the
+// speech level and derives the speech detector's thresholds from them.
+#include <algorithm>
+#include <cstddef>
+#include <stdexcept>
+#include <vector>
+
+#include "check.h"
+#include "parameters.h"
+
+namespace kt {
+
+class EnergyHistogram {
+ public:
+  // Largest accepted "WindowSize": 10 minutes of 20 ms frames, 240 kB of ring.
+  static constexpr unsigned int kMaxWindowSize = 30000;
+
+  explicit EnergyHistogram(const Parameters& params) {
+    SetParameters(params);
+    Reset();
+  }
+
+  void Reset() {
+    _index = 0;
+    _window.assign(_windowSize, 0.0);
+    _histogram.assign(kNumBins, 0);
+    _noiseLevel = _thresholdLowerLimit;
+    _speechLevel = 70.0;
+  }
+
+  // New parameters; the newest energies of the old ring are replayed into the new one.
+  // A key that fails to convert leaves the old ring and bins as they were.
+  void UpdateParameters(const Parameters& params) {
+    const size_t index = _index;
+    const std::vector<double> w = _window;
+    const size_t m = w.size();
+    SetParameters(params);
+    Reset();
+    for (size_t i = index > m ? index - m : 0; i < index; ++i) Update(w[i % m]);
+  }
+
+  void Update(double energy) {
+    KT_ASSERT(_window.size());
+    KT_ASSERT(energy >= 0 && energy < 100);
+    if (energy < 15.0) return;
+    const size_t windowSize = _window.size();
+    if (_index >= windowSize) {
+      const double oldest = _window[_index % windowSize];
+      --_histogram[static_cast<size_t>(oldest)];
+      if (_index >= 2 * windowSize) _index -= windowSize;
+    }
+    ++_histogram[static_cast<size_t>(energy)];  // truncation: bin k holds k <= e < k + 1
+    _window[_index % windowSize] = energy;
+    ++_index;
+    if (_index >= _minWindowSize && (_index % 5 == 0 || _index == _minWindowSize)) {
+      UpdateThreshold();
+    }
+  }
+
+  bool IsThresholdComputed() const { return _index >= _minWindowSize; }
+
+  double GetThreshold(bool isSpeechState) const {
+    if (!IsThresholdComputed()) return _thresholdLowerLimit;
+    double threshold = _noiseLevel + (_speechLevel - _noiseLevel) * _interpolationParam;
+    const double offset = isSpeechState ? _thresholdOffsetSpeech : _thresholdOffsetPause;
+    if (_noiseLevel + offset > threshold) threshold = _noiseLevel + offset;
+    // The lower limit is tested first and wins when the limits cross.
+    if (threshold < _thresholdLowerLimit) return _thresholdLowerLimit;
+    if (threshold > _thresholdUpperLimit) return _thresholdUpperLimit;
+    return threshold;
+  }
+
+  double GetNoiseLevelWithOffset() const { return _noiseLevel + _thresholdOffsetSpeech; }
+  double GetNoiseLevel() const { return _noiseLevel; }
+  double GetSNR() const { return _speechLevel - _noiseLevel; }
+
+ private:
+  friend class EnergyHistogramTestAccess;
+  static constexpr int kNumBins = 100;
+
+  void UpdateThreshold() {
+    KT_ASSERT(_index >= _minWindowSize);
+    const size_t windowSize = _window.size();
+    const size_t n = std::min(windowSize, _index);
+    // While the ring fills, the quantile fraction shrinks with how full it is.
+    const double cutoffFraction =
+        static_cast<double>(n) / static_cast<double>(windowSize) * _cutoffFraction;
+    const int limit = static_cast<int>(static_cast<double>(n) * cutoffFraction + 0.5);
+
+    int noiseLevel = kNumBins;
+    int sum = 0;
+    for (int k = 0; k < kNumBins; ++k) {
+      sum += _histogram[k];
+      if (sum >= limit) {
+        noiseLevel = k;
+        break;
+      }
+    }
+    // The same count from the top bin down; 0 when it is never reached.
+    int speechLevel = kNumBins - 1;
+    sum = _histogram[speechLevel];
+    while (sum < limit && speechLevel > 0) {
+      --speechLevel;
+      sum += _histogram[speechLevel];
+    }
+    _noiseLevel = noiseLevel;
+    _speechLevel = speechLevel;
+  }
+
+  // Reads the keys in a fixed order and stores each at once; a zero or oversized
+  // ring is refused here so that Update never meets it.
+  void SetParameters(const Parameters& params) {
+    const unsigned int windowSize = params.Get<unsigned int>("WindowSize", 100);
+    if (windowSize == 0 || windowSize > kMaxWindowSize) {
+      throw std::invalid_argument("Value out of range");
+    }
+    _windowSize = windowSize;
+    _minWindowSize = params.Get<unsigned int>("MinWindowSize", 40);
+    _cutoffFraction = params.Get<double>("CutoffFraction", 0.08);
+    _interpolationParam = params.Get<double>("InterpolationParam", 0.3);
+    _thresholdOffsetSpeech = params.Get<double>("ThresholdOffsetSpeech", 6.0);
+    _thresholdOffsetPause = params.Get<double>("ThresholdOffsetPause", 16.0);
+    _thresholdLowerLimit = params.Get<double>("ThresholdLowerLimit", 30.0);
+    _thresholdUpperLimit = params.Get<double>("ThresholdUpperLimit", 70.0);
+  }
+
+  size_t _index = 0;
+  size_t _minWindowSize = 40;
+  size_t _windowSize = 100;
+  double _cutoffFraction = 0.08;
+  double _interpolationParam = 0.3;
+  double _thresholdOffsetSpeech = 6.0;
+  double _thresholdOffsetPause = 16.0;
+  double _thresholdLowerLimit = 30.0;
+  double _thresholdUpperLimit = 70.0;
+  double _noiseLevel = 30.0;
+  double _speechLevel = 70.0;
+  std::vector<double> _window;
+  std::vector<int> _histogram;
+};
+
+}  // namespace kt

@@ -1,0 +1,77 @@
+#pragma once
+// Second-order high-pass section (transposed direct form II) with 16-bit rounding and clipping.
+#include <stdexcept>
+
+#include "audiodata.h"
+
+namespace kt {
+
+class HighpassFilter {
+ public:
+  // Only 8000, 11025 and 16000 Hz have coefficients; anything else throws "Sampling rate".
+  explicit HighpassFilter(double samplingRate) : _z1(0.0), _z2(0.0) {
+    if (samplingRate == 8000.0) {
+      SetCoefficients(0.8399, -1.6796, 0.8399, -1.8787, 0.8905);
+    } else if (samplingRate == 11025.0) {
+      SetCoefficients(0.8539, -1.7077, 0.8539, -1.9129, 0.9193);
+    } else if (samplingRate == 16000.0) {
+      SetCoefficients(0.8655, -1.7309, 0.8655, -1.9406, 0.9436);
+    } else {
+      throw std::invalid_argument("Sampling rate");
+    }
+  }
+
+  void Reset() {
+    _z1 = 0.0;
+    _z2 = 0.0;
+  }
+
+  // In place. The state follows the unclipped output; only the stored sample is clipped.
+  void Filter(AudioData::iterator begin, AudioData::iterator end) {
+    double z1 = _z1;
+    double z2 = _z2;
+    for (AudioData::iterator it = begin; it != end; ++it) {
+      const double sampleIn = *it;
+      const double sampleOut = _b1 * sampleIn + z1;
+      z1 = _b2 * sampleIn + z2 - _a2 * sampleOut;
+      z2 = _b3 * sampleIn - _a3 * sampleOut;
+      double clipped = sampleOut;
+      if (clipped > 32767.0) {
+        clipped = 32767.0;
+      } else if (clipped < -32768.0) {
+        clipped = -32768.0;
+      }
+      *it = static_cast<int16_t>(RoundHalfUp(clipped));
+    }
+    _z1 = z1;
+    _z2 = z2;
+  }
+
+  // floor(x + 0.5) for |x| <= 32768.5, without a call into the C library: truncation
+  // toward zero is floor except for negative non-integers, which are one too high.
+  static int RoundHalfUp(double x) {
+    const double y = x + 0.5;
+    int v = static_cast<int>(y);
+    if (static_cast<double>(v) > y) --v;
+    return v;
+  }
+
+ private:
+  void SetCoefficients(double b1, double b2, double b3, double a2, double a3) {
+    _b1 = b1;
+    _b2 = b2;
+    _b3 = b3;
+    _a2 = a2;
+    _a3 = a3;
+  }
+
+  double _z1;
+  double _z2;
+  double _b1 = 0.0;
+  double _b2 = 0.0;
+  double _b3 = 0.0;
+  double _a2 = 0.0;
+  double _a3 = 0.0;
+};
+
+}  // namespace kt
