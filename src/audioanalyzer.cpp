@@ -1,0 +1,328 @@
+#include "audioanalyzer.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "check.h"
+
+namespace kt {
+
+namespace {
+
+void RefuseUnless(bool inRange) {
+  if (!inRange) throw std::invalid_argument("Value out of range");
+}
+
+int NonNegative(int ms) {
+  RefuseUnless(ms >= 0);
+  return ms;
+}
+
+}  // namespace
+
+AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRate,
+                             bool supplyFrameData)
+    : _highpassFilter(samplingRate),
+      _supplyFrameData(supplyFrameData),
+      _samplingRate(samplingRate),
+      _histogram(Parameters()) {
+  _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000.0);
+  // Durations use the true frame length: 220 samples at 11025 Hz are 19.95 ms.
+  _frameSizeMs = 1000.0 * (_samplesPerFrame / samplingRate);
+  _scratchFrame.resize(static_cast<size_t>(_samplesPerFrame));
+  _eosTimeoutMs = 420;
+  UpdateParameters(keyValuePairs);
+  Reset();
+}
+
+void AudioAnalyzer::Reset() {
+  _highpassFilter.Reset();
+  _histogram.Reset();
+  _energyWindow.assign(kRingSize, 0.0);
+  _audioFrames.assign(kRingSize, AudioData());
+  if (_supplyFrameData) {
+    for (AudioData& frame : _audioFrames) frame.reserve(static_cast<size_t>(_samplesPerFrame));
+  }
+  _audioBuffer.clear();
+  _pauseCounter = 0;
+  _readIndex = 0;
+  _writeIndex = 0;
+  _frameIndex = 0;
+  _speechStartIndex = 0;
+  _state = Pause;
+  _prevVolumedBFS = 0.0;
+  _prevSNRVolume = 0.0;
+}
+
+int AudioAnalyzer::SpeechWindowFrames(int windowMs) const {
+  const int frames = GetNumFrames(NonNegative(windowMs));
+  RefuseUnless(frames <= kMaxLookBackFrames);
+  return frames;
+}
+
+int AudioAnalyzer::PauseFrames(int timeoutMs) const {
+  const int frames = GetNumFrames(NonNegative(timeoutMs));
+  RefuseUnless(frames / 3 <= kMaxLookBackFrames);
+  return frames;
+}
+
+void AudioAnalyzer::SetEOSTimeout(int timeoutMs) {
+  const int numPauseFrames = PauseFrames(timeoutMs);
+  _eosTimeoutMs = timeoutMs;
+  _numPauseFrames = numPauseFrames;
+}
+
+// Keys are read in a fixed order and each is stored at once, so a failing key leaves
+// the ones before it in effect.
+void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs) {
+  _parameters = Parameters(keyValuePairs);
+  _speechWindowSize = SpeechWindowFrames(_parameters.Get<int>("SpeechWindowSizeMs", 200));
+  _speechWindowFraction = _parameters.Get<double>("SpeechWindowFraction", 0.3);
+  // An absent key keeps the time-out last set, also one set by SetEOSTimeout.
+  SetEOSTimeout(_parameters.Get<int>("EOSTimeoutMs", _eosTimeoutMs));
+
+  const int histogramWindowSizeMs = NonNegative(_parameters.Get<int>("HistogramWindowSizeMs", 2000));
+  const int histogramMinWindowSizeMs =
+      NonNegative(_parameters.Get<int>("HistogramMinWindowSizeMs", 800));
+  Parameters par(_parameters);
+  par.Set<int>("WindowSize", GetNumFrames(histogramWindowSizeMs));
+  par.Set<int>("MinWindowSize", GetNumFrames(histogramMinWindowSizeMs));
+  // Refuses a ring of 0 or more than EnergyHistogram::kMaxWindowSize frames untouched.
+  _histogram.UpdateParameters(par);
+
+  _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
+  const double fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
+  RefuseUnless(fullScaleSNR > 0.0);  // the per-cent scale divides by it; also refuses NaN
+  _fullScaleSNR = fullScaleSNR;
+  _tooNoisyLeveldBFS = _parameters.Get<double>("TooNoisyLeveldBFS", -25.0);
+  _tooLoudAlignmentLeveldBFS = _parameters.Get<double>("TooLoudAlignmentLeveldBFS", -10.0);
+  const double tooSoftWindowSizeMs = _parameters.Get<double>("TooSoftWindowSizeMs", 2000.0);
+  // Truncated to an int at every reading, so it must fit one.
+  RefuseUnless(tooSoftWindowSizeMs >= 0.0 && tooSoftWindowSizeMs < 2147483648.0);
+  _tooSoftWindowSizeMs = tooSoftWindowSizeMs;
+  _tooSoftSNR = _parameters.Get<double>("TooSoftSNR", 18.0);
+  _minRecordingLeveldBFS = _parameters.Get<double>("MinRecordingLeveldBFS", -36.0);
+}
+
+void AudioAnalyzer::Process(const AudioData& audioData) {
+  _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
+  const size_t samplesPerFrame = static_cast<size_t>(_samplesPerFrame);
+  size_t i = 0;
+  try {
+    while (i + samplesPerFrame - 1 < _audioBuffer.size()) {
+      const AudioData::const_iterator first = _audioBuffer.cbegin() + static_cast<ptrdiff_t>(i);
+      std::copy(first, first + _samplesPerFrame, _scratchFrame.begin());
+      // Counted as consumed before it is processed: a failure never measures a frame twice.
+      i += samplesPerFrame;
+      ProcessFrame(_scratchFrame);
+    }
+    GenerateVolumeMeterResult(_audioBuffer.cbegin(),
+                              _audioBuffer.cbegin() + static_cast<ptrdiff_t>(i));
+  } catch (...) {
+    _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<ptrdiff_t>(i));
+    throw;
+  }
+  _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<ptrdiff_t>(i));
+}
+
+void AudioAnalyzer::ProcessFrame(AudioData& frame) {
+  if (_supplyFrameData) {
+    _audioFrames[static_cast<size_t>(_writeIndex % kRingSize)].assign(frame.begin(), frame.end());
+  }
+  _highpassFilter.Filter(frame.begin(), frame.end());
+  AnalyzeEnergy(ComputeEnergy(frame.cbegin(), frame.cend()));
+}
+
+void AudioAnalyzer::AnalyzeEnergy(double energy) {
+  _histogram.Update(energy);
+  _energyWindow[static_cast<size_t>(_writeIndex % kRingSize)] = energy;
+  ++_writeIndex;
+  // Nothing is decided before the first threshold unless the ring is full.
+  if (_histogram.IsThresholdComputed() || _writeIndex >= static_cast<int>(_energyWindow.size())) {
+    Process(_writeIndex - 1);
+  }
+}
+
+// Decides frames _readIndex .. index - 1; the newest stored frame is the look-ahead.
+void AudioAnalyzer::Process(int index) {
+  while (_readIndex < index) {
+    if (_state == Pause) {
+      // Frames that might still open a speech segment are held back.
+      GenerateFrameResults(_readIndex - _speechWindowSize);
+      if (DetectSpeech()) {
+        _state = Speech;
+        _pauseCounter = 0;
+        _speechStartIndex = _readIndex;
+        const double timeMs = GetFrameSizeMs() * _frameIndex;
+        GenerateEventResult(timeMs, AnalyzerEvent::AboveVOR);
+        GenerateEventResult(timeMs, AnalyzerEvent::SpeechStart);
+        GenerateFrameResults(_readIndex);
+      }
+    } else {
+      if (DetectPause()) {
+        const double timeMs = GetFrameSizeMs() * _frameIndex;
+        GenerateEventResult(timeMs, AnalyzerEvent::BelowVOR);
+        GenerateEventResult(timeMs, AnalyzerEvent::SpeechEnd);
+        _state = Pause;
+      } else {
+        // The segment keeps the first third of the time-out's quiet frames.
+        GenerateFrameResults(_readIndex - _numPauseFrames / 3);
+      }
+    }
+    ++_readIndex;
+  }
+}
+
+void AudioAnalyzer::Flush() {
+  Process(_writeIndex);
+  GenerateFrameResults(_writeIndex - 1);
+  const double leftoverTimeMs = GenerateLeftoverFrame();
+  if (_state == Speech) {
+    const double timeMs = GetFrameSizeMs() * _writeIndex + leftoverTimeMs;
+    GenerateEventResult(timeMs, AnalyzerEvent::BelowVOR);
+    GenerateEventResult(timeMs, AnalyzerEvent::SpeechEnd);
+  }
+  _readIndex = 0;
+  _writeIndex = 0;
+  _frameIndex = 0;
+  _pauseCounter = 0;
+  _state = Pause;
+}
+
+bool AudioAnalyzer::GetResult(AnalyzerResultPtr& result) {
+  if (_resultDeque.empty()) return false;
+  result = _resultDeque.front();
+  _resultDeque.pop_front();
+  return true;
+}
+
+double AudioAnalyzer::ComputeEnergy(AudioData::const_iterator first,
+                                    AudioData::const_iterator last) const {
+  if (first == last) return 0.0;
+  double sum = 0.0;
+  for (AudioData::const_iterator it = first; it != last; ++it) {
+    const double sample = *it;
+    sum += sample * sample;
+  }
+  const double meanSquare = sum / static_cast<double>(last - first);
+  return meanSquare > 1.0 ? 10.0 * std::log10(meanSquare) : 0.0;
+}
+
+// Near the stream's start the window holds fewer frames; the required count stays.
+bool AudioAnalyzer::DetectSpeech() const {
+  const double threshold = _histogram.GetThreshold(false);
+  const int stop = std::max(_readIndex - _speechWindowSize, -1);
+  int n = 0;
+  for (int i = _readIndex; i > stop; --i) {
+    if (_energyWindow[static_cast<size_t>(i % kRingSize)] >= threshold) ++n;
+  }
+  return n >= _speechWindowSize * _speechWindowFraction;
+}
+
+// Smooths over the decided frame and the one before it.
+bool AudioAnalyzer::DetectPause() {
+  const double threshold = _histogram.GetThreshold(true);
+  const int a = std::max(_readIndex - 1, 0);
+  const int b = std::min(_readIndex + 1, _writeIndex);
+  KT_ASSERT(a < b);
+  double sum = 0.0;
+  for (int i = a; i < b; ++i) sum += _energyWindow[static_cast<size_t>(i % kRingSize)];
+  const double smoothedEnergy = sum / (b - a);
+  if (smoothedEnergy < threshold) {
+    ++_pauseCounter;
+    return _pauseCounter >= _numPauseFrames;
+  }
+  _pauseCounter = 0;
+  return false;
+}
+
+void AudioAnalyzer::GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag) {
+  _resultDeque.push_back(std::make_shared<AnalyzerEvent>(timeMs, tag));
+}
+
+void AudioAnalyzer::GenerateFrameResults(int index) {
+  while (_frameIndex <= index) {
+    const AudioData* frame =
+        _supplyFrameData ? &_audioFrames[static_cast<size_t>(_frameIndex % kRingSize)] : nullptr;
+    _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(_frameIndex, _state == Speech, frame));
+    ++_frameIndex;
+  }
+}
+
+double AudioAnalyzer::GenerateLeftoverFrame() {
+  const double sizeMs = static_cast<double>(_audioBuffer.size()) / _samplingRate * 1000.0;
+  if (!_audioBuffer.empty()) {
+    _resultDeque.push_back(std::make_shared<AnalyzerAudioFrame>(
+        _frameIndex, _state == Speech, _supplyFrameData ? &_audioBuffer : nullptr));
+    _audioBuffer.clear();
+  }
+  return sizeMs;
+}
+
+double AudioAnalyzer::GetdBFS(double val) const {
+  return 20.0 * std::log10(std::max(val, 1.0) / 32768.0);
+}
+
+void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first,
+                                              AudioData::const_iterator last) {
+  if (first == last) return;
+  int maxVal = 0;  // int, so that -32768 counts as 32768
+  for (AudioData::const_iterator it = first; it != last; ++it) {
+    const int magnitude = std::abs(static_cast<int>(*it));
+    if (magnitude > maxVal) maxVal = magnitude;
+  }
+  const int numSamples = static_cast<int>(last - first);
+  KT_ASSERT(!(numSamples % _samplesPerFrame));
+  double volumedBFS = GetdBFS(static_cast<double>(maxVal));
+  const int numFrames = numSamples / _samplesPerFrame;
+
+  // The level rises at once and falls by at most maxChange over the block.
+  const double maxChange = GetFrameSizeMs() * numFrames * _maxDecayRateDbPerDs / 100;
+  if (_prevVolumedBFS - maxChange > volumedBFS) volumedBFS = _prevVolumedBFS - maxChange;
+  _prevVolumedBFS = volumedBFS;
+
+  double maxEnergy = 0.0;
+  for (int i = std::max(_writeIndex - numFrames, 0); i < _writeIndex; ++i) {
+    maxEnergy = std::max(maxEnergy, _energyWindow[static_cast<size_t>(i % kRingSize)]);
+  }
+  const double decayedSNRVolume = _prevSNRVolume - maxChange;
+  _prevSNRVolume = decayedSNRVolume > maxEnergy ? decayedSNRVolume : maxEnergy;
+
+  const double noiseLevelWithOffset = _histogram.GetNoiseLevelWithOffset();
+  const double snrVolume =
+      _state == Speech ? _prevSNRVolume - std::max(noiseLevelWithOffset, 0.0) : 0.0;
+  // 100 per cent is never reached below the minimum recording level.
+  const double minLevelDistance =
+      _minRecordingLeveldBFS + AnalyzerVolumeMeter::kFullScaleDb - noiseLevelWithOffset;
+  const double fullScale = minLevelDistance > _fullScaleSNR ? minLevelDistance : _fullScaleSNR;
+  // No lower bound: a decayed maximum below the noise gives a negative reading.
+  const double snrVolumePct = snrVolume / fullScale > 1 ? 100.0 : 100 * snrVolume / fullScale;
+
+  const double timeMs = GetFrameSizeMs() * _writeIndex;
+  _resultDeque.push_back(std::make_shared<AnalyzerVolumeMeter>(
+      GetVolumeInfo(maxEnergy), volumedBFS, static_cast<double>(maxVal), snrVolumePct, timeMs,
+      _state == Speech));
+}
+
+// The first rule that applies decides; the comparisons are strict and a NaN fails them.
+AnalyzerVolumeMeter::Info AudioAnalyzer::GetVolumeInfo(double maxEnergy) const {
+  const double fullScaleDb = AnalyzerVolumeMeter::kFullScaleDb;
+  if (_histogram.GetNoiseLevel() - fullScaleDb > _tooNoisyLeveldBFS) return AnalyzerVolumeMeter::TooNoisy;
+  if (maxEnergy - fullScaleDb > _tooLoudAlignmentLeveldBFS) return AnalyzerVolumeMeter::TooLoud;
+  if (_state == Pause) return AnalyzerVolumeMeter::OK;
+  // Speech is judged too soft only once it has lasted a while.
+  if (_writeIndex - _speechStartIndex <= GetNumFrames(static_cast<int>(_tooSoftWindowSizeMs))) {
+    return AnalyzerVolumeMeter::OK;
+  }
+  if (_histogram.GetSNR() < _tooSoftSNR) return AnalyzerVolumeMeter::TooSoft;
+  // The speech level lies below the minimum recording level.
+  if (_minRecordingLeveldBFS - GetdBFS(1.0) > _histogram.GetNoiseLevel() + _histogram.GetSNR()) {
+    return AnalyzerVolumeMeter::TooSoft;
+  }
+  return AnalyzerVolumeMeter::OK;
+}
+
+}  // namespace kt

@@ -1,0 +1,201 @@
+#pragma once
+// The speech analyzer: voice activity detection with a volume meter, and its results.
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "audiodata.h"
+#include "energyhistogram.h"
+#include "highpassfilter.h"
+#include "parameters.h"
+
+namespace kt {
+
+// Base of everything the analyzer reports; immutable once built.
+class AnalyzerResult {
+ public:
+  enum ResultType { RT_Event = 0, RT_AudioFrame = 1, RT_VolumeMeter = 2 };
+
+  virtual ~AnalyzerResult() {}
+  virtual ResultType GetType() const = 0;
+};
+
+using AnalyzerResultPtr = std::shared_ptr<AnalyzerResult>;
+
+class AnalyzerEvent : public AnalyzerResult {
+ public:
+  enum EventTag { SpeechStart = 0, SpeechEnd = 1, BelowVOR = 2, AboveVOR = 3 };
+
+  AnalyzerEvent(double timeMs, EventTag tag) : _timeMs(timeMs), _tag(tag) {}
+
+  ResultType GetType() const override { return RT_Event; }
+  EventTag GetTag() const { return _tag; }
+  double GetTimeMs() const { return _timeMs; }
+
+ private:
+  double _timeMs;
+  EventTag _tag;
+};
+
+class AnalyzerVolumeMeter : public AnalyzerResult {
+ public:
+  enum Info { OK = 0, TooNoisy = 1, TooSoft = 2, TooLoud = 3 };
+
+  // 20 log10(32768): full scale on the energy scale, and the depth of the dBFS floor.
+  static constexpr double kFullScaleDb = 90.30899869919436;
+
+  AnalyzerVolumeMeter(Info info, double volumedBFS, double volume, double snrVolumePct,
+                      double timeMs, bool isSpeechState)
+      : _info(info),
+        _volumedBFS(volumedBFS),
+        _volume(volume),
+        _snrVolumePct(snrVolumePct),
+        _timeMs(timeMs),
+        _isSpeechState(isSpeechState) {}
+
+  ResultType GetType() const override { return RT_VolumeMeter; }
+  Info GetInfo() const { return _info; }
+  double GetSNRVolumePct() const { return _snrVolumePct; }
+  double GetVolumedBFS() const { return _volumedBFS; }
+  double GetVolume() const { return _volume; }
+  double GetTimeMs() const { return _timeMs; }
+  bool IsSpeechState() const { return _isSpeechState; }
+
+  // The level on a linear per-cent scale of the meter's range: 0 at the floor of
+  // -90.309 dBFS (a peak of 1 or less), 100 at 0 dBFS.
+  double GetVolumedBFSPct() const { return 100.0 * (_volumedBFS + kFullScaleDb) / kFullScaleDb; }
+  // The peak magnitude in per cent of full scale: 100 at 32768.
+  double GetVolumePct() const { return 100.0 * _volume / 32768.0; }
+
+ private:
+  Info _info;
+  double _volumedBFS;
+  double _volume;
+  double _snrVolumePct;
+  double _timeMs;
+  bool _isSpeechState;
+};
+
+class AnalyzerAudioFrame : public AnalyzerResult {
+ public:
+  // Copies *frame when given; the result owns its samples.
+  AnalyzerAudioFrame(int frameIndex, bool b, const AudioData* frame)
+      : _frameIndex(frameIndex), _isSpeechSegmentFrame(b) {
+    if (frame) _audioFrame = *frame;
+  }
+
+  ResultType GetType() const override { return RT_AudioFrame; }
+  virtual const AudioData& GetData() const { return _audioFrame; }
+  virtual int GetFrameIndex() const { return _frameIndex; }
+  virtual bool IsSpeechSegmentFrame() const { return _isSpeechSegmentFrame; }
+
+ private:
+  AudioData _audioFrame;
+  int _frameIndex;
+  bool _isSpeechSegmentFrame;
+};
+
+// Voice activity detector with a volume meter. Cuts the audio into 20 ms frames,
+// decides each frame between pause and speech and queues its findings as results.
+//
+// Configuration ("key=value;..."), checked when it is set: durations in ms must not be
+// negative; "SpeechWindowSizeMs" may span at most kMaxLookBackFrames frames and
+// "EOSTimeoutMs" at most 3 * kMaxLookBackFrames + 2, so that no decision reads a ring
+// slot a newer frame has overwritten (below 3970 ms and 11930 ms at 20 ms frames);
+// "HistogramWindowSizeMs" must give 1 to EnergyHistogram::kMaxWindowSize frames (10 min
+// of 20 ms frames, 240 kB of ring); "FullScaleSNR" must be above 0; "TooSoftWindowSizeMs"
+// must fit an int. A refused value throws std::invalid_argument("Value out of range").
+// UpdateParameters then behaves as for a value that fails to convert: the new string
+// and the keys read before the failing one are in effect, the failing key and those
+// after it keep their old values, and the analyzer stays usable. "HistogramWindowSizeMs"
+// and "HistogramMinWindowSizeMs" take effect together when the histogram is reconfigured.
+class AudioAnalyzer {
+ public:
+  enum State { Pause = 0, Speech = 1 };
+
+  // Frames kept in the energy and sample rings.
+  static constexpr int kRingSize = 200;
+  // Oldest frame, counted back from the newest, that a decision or a released frame
+  // result may still read: the ring minus the frame stored after it and the look-ahead.
+  static constexpr int kMaxLookBackFrames = kRingSize - 2;
+
+  // Throws std::invalid_argument: "Sampling rate" unless 8000, 11025 or 16000 Hz,
+  // "Invalid format" or "Value out of range" for a bad parameter string.
+  AudioAnalyzer(const std::string& keyValuePairs, double samplingRate, bool supplyFrameData);
+
+  // Back to the initial measuring state; configuration and queued results stay.
+  void Reset();
+  void UpdateParameters(const std::string& keyValuePairs);
+  // Any block length; samples short of a frame wait for the next block.
+  void Process(const AudioData& audioData);
+  // Ends the utterance: decides all stored frames, releases the leftover samples as a
+  // short last frame and closes an open speech segment at the end of the audio.
+  void Flush();
+  // Takes the oldest queued result; false and `result` untouched when there is none.
+  bool GetResult(AnalyzerResultPtr& result);
+
+  // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
+  void SetEOSTimeout(int timeoutMs);
+  int GetEOSTimeout() const { return _eosTimeoutMs; }
+  int GetSamplesPerFrame() const { return _samplesPerFrame; }
+  double GetFrameSizeMs() const { return _frameSizeMs; }
+
+ private:
+  friend class AudioAnalyzerTestAccess;
+
+  void ProcessFrame(AudioData& frame);
+  // Stores one measured frame energy and decides the frames that are due.
+  void AnalyzeEnergy(double energy);
+  void Process(int index);
+  int GetNumFrames(int ms) const { return static_cast<int>(ms / _frameSizeMs + 0.5); }
+  int SpeechWindowFrames(int windowMs) const;
+  int PauseFrames(int timeoutMs) const;
+
+  double ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const;
+  bool DetectSpeech() const;
+  bool DetectPause();
+  void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
+  void GenerateFrameResults(int index);
+  double GenerateLeftoverFrame();
+
+  void GenerateVolumeMeterResult(AudioData::const_iterator first, AudioData::const_iterator last);
+  AnalyzerVolumeMeter::Info GetVolumeInfo(double maxEnergy) const;
+  double GetdBFS(double val) const;
+
+  HighpassFilter _highpassFilter;
+  Parameters _parameters;
+  bool _supplyFrameData;
+  double _standardFrameSizeMs = 20.0;
+  double _frameSizeMs = 0.0;
+  double _samplingRate;
+  int _samplesPerFrame = 0;
+  int _speechWindowSize = 0;
+  double _speechWindowFraction = 0.0;
+  int _eosTimeoutMs = 420;
+  int _numPauseFrames = 0;
+  int _pauseCounter = 0;
+  std::vector<double> _energyWindow;
+  EnergyHistogram _histogram;
+  int _readIndex = 0;
+  int _writeIndex = 0;
+  int _frameIndex = 0;
+  int _speechStartIndex = 0;
+  double _prevVolumedBFS = 0.0;
+  double _prevSNRVolume = 0.0;
+  double _maxDecayRateDbPerDs = 0.0;
+  double _fullScaleSNR = 0.0;
+  double _tooNoisyLeveldBFS = 0.0;
+  double _tooLoudAlignmentLeveldBFS = 0.0;
+  double _tooSoftWindowSizeMs = 0.0;
+  double _tooSoftSNR = 0.0;
+  double _minRecordingLeveldBFS = 0.0;
+  State _state = Pause;
+  std::vector<AudioData> _audioFrames;
+  AudioData _audioBuffer;
+  std::deque<AnalyzerResultPtr> _resultDeque;
+  // One frame's samples, filtered in place; kept so that no frame allocates.
+  AudioData _scratchFrame;
+};
+
+}  // namespace kt
