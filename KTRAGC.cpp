@@ -1,0 +1,77 @@
+#include "KTRAGC.h"
+
+#include <climits>
+#include <cstring>
+#include <exception>
+
+#include "agc.h"
+
+kt::AGC* g_pAgc = nullptr;
+
+int KTRAGC_Init(const int iSamplingRate_p) {
+  try {
+    delete g_pAgc;
+    g_pAgc = nullptr;
+    g_pAgc = new kt::AGC("", iSamplingRate_p);
+    return g_pAgc ? 0 : -1;
+  } catch (const std::exception&) {
+    return -2;
+  } catch (...) {
+    return -3;
+  }
+}
+
+namespace {
+
+// The product as long, truncated toward zero; saturated where float rounded the bound
+// beyond the range of long.
+long TruncateToLong(double dVolume) {
+  if (dVolume >= -static_cast<double>(LONG_MIN)) return LONG_MAX;
+  if (dVolume < static_cast<double>(LONG_MIN)) return LONG_MIN;
+  return static_cast<long>(dVolume);
+}
+
+}  // namespace
+
+int KTRAGC_ComputeGain(const void* pvData_p, const unsigned int uiDataSize_p,
+                       const long lInVolume_p, const long lUBound_p, long* plCurrentGain_p) {
+  if (!plCurrentGain_p) return -1;
+  if (!g_pAgc) return -1;
+  if (lUBound_p == 0) return -1;
+  if (!pvData_p && uiDataSize_p) return -1;
+  // long / float: both in single precision, the quotient rounded to single precision.
+  const float fCurrentGain = lInVolume_p / static_cast<float>(lUBound_p);
+  if (!(fCurrentGain >= 0.0f && fCurrentGain <= 1.0f)) return -1;
+  *plCurrentGain_p = 0;
+  try {
+    // One sample more than the block holds; an odd last byte becomes a low byte.
+    kt::AudioData audioData(uiDataSize_p / 2 + 1, 0);
+    if (uiDataSize_p) std::memcpy(audioData.data(), pvData_p, uiDataSize_p);
+    const float fNewGain = g_pAgc->ComputeGain(audioData, fCurrentGain);
+    if (fNewGain == fCurrentGain) {
+      *plCurrentGain_p = lInVolume_p;  // an unchanged gain keeps the host's own value
+    } else {
+      // Formed in double and not rounded to float: 0.29f × 100 gives 28, not 29.
+      const double dNewVolume =
+          static_cast<double>(fNewGain) * static_cast<double>(static_cast<float>(lUBound_p));
+      *plCurrentGain_p = TruncateToLong(dNewVolume);
+    }
+    return 0;
+  } catch (const std::exception&) {
+    return -2;
+  } catch (...) {
+    return -3;
+  }
+}
+
+int KTRAGC_Deinit(void) {
+  try {
+    delete g_pAgc;
+    g_pAgc = nullptr;
+    return 0;
+  } catch (const std::exception&) {
+    return -2;
+  } catch (...) {
+    return -3;
+  }
+}

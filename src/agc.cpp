@@ -1,0 +1,334 @@
+#include "agc.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "check.h"
+#include "parameters.h"
+
+namespace kt {
+
+namespace {
+
+// A duration key as whole 20 ms frames, truncated; refuses what no recording needs.
+int ReadFrames(const Parameters& params, const std::string& key, int defaultMs) {
+  const int ms = params.Get<int>(key, defaultMs);
+  if (ms < 0 || ms > AGC::kMaxDurationMs) throw std::invalid_argument("Value out of range");
+  return ms / AGC::GetFrameSizeMs();
+}
+
+void CheckRange(float x, float lowest, float highest) {
+  if (!(x >= lowest && x <= highest)) throw std::invalid_argument("Value out of range");
+}
+
+}  // namespace
+
+void AGC::Histogram::Update(float x) {
+  const float z = x * _scaleFactor;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
+  KT_ASSERT(z >= 0.0f && (int)z < _histogram.size());
+#pragma GCC diagnostic pop
+  const int w = GetWindowSize();
+  KT_ASSERT(w > 0);
+  if (_wIndex >= w) {
+    // The oldest level leaves through the same truncation that brought it in.
+    const float y = _window[_wIndex % w];
+    --_histogram[static_cast<int>(y * _scaleFactor)];
+    if (_wIndex >= 2 * w) _wIndex -= w;
+  }
+  ++_histogram[static_cast<int>(z)];
+  _window[_wIndex % w] = x;
+  ++_wIndex;
+}
+
+float AGC::Histogram::GetLevel(int percent, bool b, int minSamples) const {
+  KT_ASSERT(percent >= 0);
+  KT_ASSERT(percent <= 100);
+  KT_ASSERT(_wIndex > 0);
+  const int n = GetNumSamples();
+  KT_ASSERT(n >= minSamples);
+  const int numBins = static_cast<int>(_histogram.size());
+  int sum = 0;
+  for (int k = 0; k < numBins; ++k) {
+    const int i = b ? k : numBins - 1 - k;
+    sum += _histogram[i];
+    if (sum >= minSamples && sum * 100 >= percent * n) {
+      return static_cast<float>(i) / _scaleFactor;  // lower edge of the bin, either way
+    }
+  }
+  KT_ASSERT(false);
+  return 0.0f;
+}
+
+AGC::AGC(const std::string& keyValuePairs, int samplingRate)
+    : _state(Initial),
+      _timeMs(0.0),
+      _samplingRate(samplingRate),
+      _rising(false),
+      _upperLevelRef(0.0f),
+      _h(0, 0),
+      _f(static_cast<double>(samplingRate)) {  // refuses the rate before any key is read
+  const Parameters params(keyValuePairs);
+  _minUpdateFrames = ReadFrames(params, "MinUpdateIntervalMs", 80);
+  _minLowerLevelFrames = ReadFrames(params, "MinLowerLevelSizeMs", 80);
+  _minUpperLevelFrames = ReadFrames(params, "MinUpperLevelSizeMs", 80);
+  // Every update measures more than _minUpdateFrames frames, so readings find enough levels.
+  if (!(_minUpdateFrames >= _minLowerLevelFrames)) {
+    throw std::invalid_argument("_minUpdateFrames >= _minLowerLevelFrames");
+  }
+  if (!(_minUpdateFrames >= _minUpperLevelFrames)) {
+    throw std::invalid_argument("_minUpdateFrames >= _minUpperLevelFrames");
+  }
+  const int windowSize = ReadFrames(params, "WindowSizeMs", 2000);
+  if (windowSize < 1 || windowSize < _minLowerLevelFrames || windowSize < _minUpperLevelFrames) {
+    throw std::invalid_argument("Value out of range");
+  }
+  _h.SetSize(windowSize, 100 * Histogram::_scaleFactor);  // 0 dB up to 100 dB
+  _speechWindowSize = ReadFrames(params, "SpeechWindowSizeMs", 800);
+  _speechFraction = params.Get<float>("SpeechFraction", 0.3f);
+  _pauseWindowSize = ReadFrames(params, "PauseWindowSizeMs", 500);
+  _cutoffFraction = params.Get<float>("CutoffFraction", 0.1f);
+  CheckRange(_cutoffFraction, 0.0f, 1.0f);  // a percentile
+  _interpolationWeight = params.Get<float>("InterpolationWeight", 0.3f);
+  _thresholdOffsetSpeech = params.Get<float>("ThresholdOffsetSpeech", 16.0f);
+  _thresholdOffsetPause = params.Get<float>("ThresholdOffsetPause", 6.0f);
+  _thresholdUpperBound = params.Get<float>("ThresholdUpperBound", 70.0f);
+  _minLowerBound = params.Get<float>("MinLowerBound", 10.0f);
+  _lowerBound = params.Get<float>("LowerBound", 51.0f);
+  _upperBound = params.Get<float>("UpperBound", 78.0f);
+  _upperLevelRefDelta = params.Get<float>("UpperLevelRefDelta", 6.0f);
+  _fastStepSizeUp = params.Get<int>("FastStepSizeUp", 4);
+  _fastStepSizeDown = params.Get<int>("FastStepSizeDown", 2);
+  if (_fastStepSizeUp > kMaxStepSize || _fastStepSizeDown > kMaxStepSize) {
+    throw std::invalid_argument("Value out of range");
+  }
+  _leastGain = params.Get<float>("LeastGain", 0.001f);
+  CheckRange(_leastGain, 0.0f, 1.0f);  // the floor is applied after the ceiling of 1
+  _deltaGain = params.Get<float>("DeltaGain", 0.15f);
+  _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
+  _frame.resize(GetSamplesPerFrame());
+  Reset();
+}
+
+void AGC::Reset() {
+  _state = Initial;
+  _timeMs = 0.0;
+  _upperLevelRef = 0.0f;
+  _rising = false;
+  _h.Reset();
+  _f.Reset();
+}
+
+float AGC::ComputeGain(const AudioData& a, float currentGain) {
+  KT_ASSERT(currentGain >= 0.0f);
+  KT_ASSERT(currentGain <= 1.0f);
+  const double blockMs = static_cast<double>(a.size()) * 1000.0 / _samplingRate;
+  if (!(currentGain > 0.0f)) {
+    _timeMs += blockMs;
+    _state = Initial;
+    _h.Reset();
+    return GetMedianGain();  // the block is not buffered
+  }
+  _audioBuffer.insert(_audioBuffer.end(), a.begin(), a.end());
+  _timeMs += blockMs;  // after the append, so a failed one changes nothing
+
+  const size_t samplesPerFrame = static_cast<size_t>(GetSamplesPerFrame());
+  const size_t numFrames = _audioBuffer.size() / samplesPerFrame;
+  if (numFrames <= static_cast<size_t>(_minUpdateFrames)) return currentGain;
+
+  const float clippingFraction =
+      ComputeClippingFraction(_audioBuffer.cbegin(), _audioBuffer.cend());
+  for (size_t i = 0; i < numFrames; ++i) {
+    const AudioData::const_iterator first = _audioBuffer.cbegin() + i * samplesPerFrame;
+    std::copy(first, first + samplesPerFrame, _frame.begin());
+    Process(_frame);
+  }
+  const float newGain = ComputeGain(currentGain, clippingFraction);
+  _audioBuffer.clear();  // an incomplete last frame is dropped
+  return newGain;
+}
+
+unsigned short AGC::ComputeGain(const AudioData& a, unsigned short gain) {
+  const float g = static_cast<float>(gain) / 65535.0f;
+  const float r = ComputeGain(a, g);
+  if (r == g) return gain;
+  return static_cast<unsigned short>(r * 65535.0f);  // float product, truncated
+}
+
+float AGC::GetMedianGain() const {
+  if (!_relativeGain) return 0.5f;
+  // The gain k steps up from _leastGain equals the one k steps down from 1.
+  const float k = logf(_leastGain) / logf((1.0f - _deltaGain) / (1.0f + _deltaGain));
+  return 1.0f / powf(1.0f + _deltaGain, k);
+}
+
+float AGC::ComputeGainRandom(const AudioData& /*a*/, float currentGain) const {
+  static const float startGain = currentGain;  // once per process, thread-safe
+  switch (std::rand() % 3) {
+    case 1:
+      if (log10f(currentGain / startGain) <= 0.5f) return ComputeGain(currentGain, true);
+      return currentGain;
+    case 2:
+      if (log10f(currentGain / startGain) >= -0.5f) return ComputeGain(currentGain, false);
+      return currentGain;
+    default:
+      return currentGain;
+  }
+}
+
+float AGC::ComputePower(AudioData::const_iterator first, AudioData::const_iterator last) {
+  if (first == last) return 0.0f;
+  int64_t sumOfSquares = 0;  // exact: each square fits 31 bits
+  for (AudioData::const_iterator it = first; it != last; ++it) {
+    const int32_t s = *it;
+    sumOfSquares += s * s;
+  }
+  const double m = static_cast<double>(sumOfSquares) / static_cast<double>(last - first);
+  if (!(m > 1.0)) return 0.0f;
+  return 10.0f * log10f(static_cast<float>(m));
+}
+
+float AGC::ComputeClippingFraction(AudioData::const_iterator first,
+                                   AudioData::const_iterator last) {
+  if (first == last) return 0.0f;
+  int64_t clipped = 0;
+  for (AudioData::const_iterator it = first; it != last; ++it) {
+    if (*it == 32767 || *it == -32768) ++clipped;
+  }
+  // One rounding of the quotient to float, also for blocks beyond 2^24 samples.
+  return static_cast<float>(static_cast<double>(clipped) / static_cast<double>(last - first));
+}
+
+void AGC::Process(AudioData& frame) {
+  _f.Filter(frame.begin(), frame.end());
+  _h.Update(ComputePower(frame.cbegin(), frame.cend()));
+}
+
+float AGC::GetThreshold(float a, float b, float offset) const {
+  const float t = std::max(a + offset, a + (b - a) * _interpolationWeight);
+  return std::min(t, _thresholdUpperBound);
+}
+
+bool AGC::DetectSpeech(float a, float b) const {
+  if (_speechWindowSize > _h.GetNumSamples()) return false;
+  const float t = GetThreshold(a, b, _thresholdOffsetSpeech);
+  const int w = _h.GetWindowSize();
+  int count = 0;
+  for (int i = _h._wIndex - _speechWindowSize; i < _h._wIndex; ++i) {
+    if (_h._window[i % w] >= t) ++count;
+  }
+  // 40 × 0.300000012 = 12.0000005 in double: 13 loud frames are needed, not 12.
+  return count >= static_cast<double>(_speechWindowSize) * static_cast<double>(_speechFraction);
+}
+
+bool AGC::DetectPause(float a, float b) const {
+  if (_pauseWindowSize > _h.GetNumSamples()) return false;
+  const float t = GetThreshold(a, b, _thresholdOffsetPause);
+  const int w = _h.GetWindowSize();
+  int count = 0;
+  for (int i = _h._wIndex - _pauseWindowSize; i < _h._wIndex; ++i) {
+    if (_h._window[i % w] <= t) ++count;
+  }
+  return count == _pauseWindowSize;
+}
+
+float AGC::ComputeGain(float currentGain, float clippingFraction) {
+  // The product in double, truncated: a fraction of 0.29f (0.28999999) gives 28.
+  const int p = static_cast<int>(100.0 * static_cast<double>(_cutoffFraction));
+  const float a = _h.GetLevel(p, true, 1);
+  const float a2 = _h.GetLevel(p, true, _minLowerLevelFrames);
+  const float b = _h.GetLevel(p, false, 1);
+  const float b2 = _h.GetLevel(p, false, _minUpperLevelFrames);
+  const int n = _h.GetNumSamples();
+  const uint32_t timeMs = GetLogTimeMs();
+  const uint32_t frameMs = static_cast<uint32_t>(GetFrameSizeMs());
+  LogMeasurement(timeMs, currentGain, a, a2, b2, b, clippingFraction, n);
+
+  if (a2 < _minLowerBound && b < _lowerBound) {
+    const float newGain = NewGain(currentGain, true, _fastStepSizeUp);
+    _state = Initial;
+    _logStream << "\t " << "toolow:" << timeMs;
+    LogNewGain(newGain);
+    return newGain;
+  }
+  if (b2 > _upperBound) {
+    const float newGain = NewGain(currentGain, false, _fastStepSizeDown);
+    _state = Initial;
+    _logStream << "\t " << "toohigh:" << timeMs;
+    LogNewGain(newGain);
+    return newGain;
+  }
+  if (_state == Initial) {
+    if (DetectSpeech(a, b)) {
+      _rising = true;
+      _upperLevelRef = b;
+      _state = Speech;
+      const uint32_t onsetMs = timeMs - frameMs * static_cast<uint32_t>(_speechWindowSize);
+      _logStream << "\t " << "speech:" << onsetMs << "\n";
+    } else {
+      _logStream << "\t " << "nil:" << timeMs << "\n";
+    }
+    return currentGain;
+  }
+  if (DetectPause(a, b)) {
+    _state = Initial;
+    const uint32_t pauseMs = timeMs - frameMs * static_cast<uint32_t>(_pauseWindowSize);
+    _logStream << "\t " << "pause:" << pauseMs << "\n";
+    return currentGain;
+  }
+  _logStream << "\t " << "nil:" << timeMs;
+  if (b > _upperLevelRef) {
+    _upperLevelRef = b;
+    if (_rising) {  // no increase while the speech level still climbs
+      _logStream << "\n";
+      return currentGain;
+    }
+  } else {
+    _rising = false;
+  }
+  if (b < _lowerBound && b >= _upperLevelRef - _upperLevelRefDelta &&
+      b - a >= _thresholdOffsetSpeech) {
+    const float newGain = NewGain(currentGain, true, 1);
+    LogNewGain(newGain);
+    return newGain;
+  }
+  _logStream << "\n";
+  return currentGain;
+}
+
+float AGC::NewGain(float currentGain, bool increase, int stepSize) {
+  _h.Reset();  // levels measured at the old gain no longer apply
+  return ComputeGain(currentGain, increase, stepSize);
+}
+
+float AGC::ComputeGain(float g, bool increase) const {
+  KT_ASSERT(g >= 0.0f);
+  KT_ASSERT(g <= 1.0f);
+  float r;
+  if (_relativeGain) {
+    r = increase ? g * (1.0f + _deltaGain) : g * (1.0f - _deltaGain);
+  } else {
+    r = increase ? g + _deltaGain : g - _deltaGain;
+  }
+  if (r > 1.0f) r = 1.0f;
+  if (_leastGain > r) r = _leastGain;  // after the ceiling: the floor wins
+  return r;
+}
+
+float AGC::ComputeGain(float g, bool increase, int stepSize) const {
+  for (int i = 0; i < stepSize; ++i) g = ComputeGain(g, increase);
+  return g;
+}
+
+void AGC::LogMeasurement(uint32_t timeMs, float currentGain, float a, float a2, float b2,
+                         float b, float clippingFraction, int n) {
+  if (!_logStream) return;
+  _logStream << timeMs << "\t " << currentGain << "\t" << a << "\t " << a2 << "\t " << b2
+             << "\t " << b << "\t " << clippingFraction << "\t " << n;
+}
+
+void AGC::LogNewGain(float newGain) { _logStream << "\t# " << newGain << "\n"; }
+
+}  // namespace kt

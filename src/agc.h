@@ -1,0 +1,164 @@
+#pragma once
+// Automatic gain control: measures 20 ms frames into a quarter-dB level histogram and,
+// from its low and high percentiles, decides the recording gain to set next.
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "audiodata.h"
+#include "highpassfilter.h"
+
+namespace kt {
+
+// Optional diagnostic stream, shared with the host; may be empty.
+using ostreamptr = std::shared_ptr<std::ostream>;
+
+// Writes x with the stream's own formatting and flushes at once; an empty holder
+// writes nothing. Returns os so that writes chain.
+template <typename T>
+ostreamptr& operator<<(ostreamptr& os, const T& x) {
+  if (os) {
+    *os << x;
+    os->flush();
+  }
+  return os;
+}
+
+// Configuration refusals (std::invalid_argument):
+// - "Value out of range": a duration key below 0 or above kMaxDurationMs; a "WindowSizeMs"
+//   of less than one frame or of fewer frames than "MinLowerLevelSizeMs" or
+//   "MinUpperLevelSizeMs" ask for; "FastStepSizeUp"/"FastStepSizeDown" above
+//   kMaxStepSize; "LeastGain" or "CutoffFraction" outside 0 to 1.
+// - "_minUpdateFrames >= _minLowerLevelFrames", "_minUpdateFrames >= _minUpperLevelFrames":
+//   an update would otherwise ask the histogram for more levels than it holds.
+// A step count of 0 or less means no step.
+class AGC {
+ public:
+  // Ten minutes: bounds the level window (30000 floats) and the audio buffered per update.
+  static constexpr int kMaxDurationMs = 600000;
+  // Bounds the work of one gain jump; 1000 relative steps of 0.15 span 60 decades.
+  static constexpr int kMaxStepSize = 1000;
+
+  enum State : int32_t { Speech = 0, Initial = 1 };
+
+  // Levels of the most recent frames in a circular window, counted in quarter-dB bins.
+  struct Histogram {
+    static const int _scaleFactor = 4;  // bins per dB
+
+    int32_t _wIndex = 0;  // write counter, folded to stay within [W, 2W] once full
+    std::vector<float> _window;
+    std::vector<int32_t> _histogram;
+
+    Histogram(int windowSize, int histogramSize) { SetSize(windowSize, histogramSize); }
+
+    void SetSize(int windowSize, int histogramSize) {
+      _window.resize(windowSize, 0.0f);
+      _histogram.resize(histogramSize, 0);
+      Reset();
+    }
+
+    // The window's values stay; they are unreachable until overwritten.
+    void Reset() {
+      _wIndex = 0;
+      std::fill(_histogram.begin(), _histogram.end(), 0);
+    }
+
+    void Update(float x);
+
+    int GetNumSamples() const {
+      const int w = GetWindowSize();
+      return _wIndex < w ? _wIndex : w;
+    }
+
+    int GetWindowSize() const { return static_cast<int>(_window.size()); }
+
+    // Lower edge (dB) of the first bin, walked from the bottom (b) or the top, at which
+    // at least minSamples levels and percent of all levels have been passed.
+    float GetLevel(int percent, bool b, int minSamples) const;
+  };
+
+  AGC(const std::string& keyValuePairs, int samplingRate);
+
+  // Starts over: phase, clock, levels and filter memory. Keeps configuration,
+  // buffered audio and log stream.
+  void Reset();
+
+  // The gain to set next, given the block recorded at currentGain (0 to 1).
+  float ComputeGain(const AudioData& a, float currentGain);
+  // The same on the scale 0 to 65535; an unchanged gain comes back bit for bit.
+  unsigned short ComputeGain(const AudioData& a, unsigned short gain);
+
+  // The neutral gain, returned for a current gain of 0.
+  float GetMedianGain() const;
+
+  // Random walk of at most one step per call, within about a factor of 3.16 of the
+  // first gain this process passed in. A test aid; a is ignored.
+  float ComputeGainRandom(const AudioData& a, float currentGain) const;
+
+  void SetLogStream(ostreamptr logStream) { _logStream = std::move(logStream); }
+
+  static int GetFrameSizeMs() { return 20; }
+
+  static float ComputePower(AudioData::const_iterator first, AudioData::const_iterator last);
+  static float ComputeClippingFraction(AudioData::const_iterator first,
+                                       AudioData::const_iterator last);
+
+ private:
+  friend class AGCTestAccess;
+
+  void Process(AudioData& frame);
+  bool DetectSpeech(float a, float b) const;
+  bool DetectPause(float a, float b) const;
+  float GetThreshold(float a, float b, float offset) const;
+
+  float ComputeGain(float currentGain, float clippingFraction);
+  float NewGain(float currentGain, bool increase, int stepSize);
+  float ComputeGain(float g, bool increase) const;
+  float ComputeGain(float g, bool increase, int stepSize) const;
+
+  int GetSamplesPerFrame() const { return GetFrameSizeMs() * _samplingRate / 1000; }
+  // Milliseconds since the last reset as the log writes them; wraps after 49.7 days.
+  uint32_t GetLogTimeMs() const {
+    return static_cast<uint32_t>(static_cast<uint64_t>(_timeMs));
+  }
+  void LogMeasurement(uint32_t timeMs, float currentGain, float a, float a2, float b2,
+                      float b, float clippingFraction, int n);
+  void LogNewGain(float newGain);
+
+  State _state;
+  double _timeMs;
+  int _samplingRate;
+  int _speechWindowSize;
+  float _speechFraction;
+  int _pauseWindowSize;
+  int _minUpdateFrames;
+  int _minLowerLevelFrames;
+  int _minUpperLevelFrames;
+  float _minLowerBound;
+  float _lowerBound;
+  float _upperBound;
+  bool _rising;
+  float _upperLevelRef;
+  float _upperLevelRefDelta;
+  float _cutoffFraction;
+  float _interpolationWeight;
+  float _thresholdOffsetSpeech;
+  float _thresholdOffsetPause;
+  float _thresholdUpperBound;
+  int _fastStepSizeUp;
+  int _fastStepSizeDown;
+  float _leastGain;
+  float _deltaGain;
+  bool _relativeGain;
+  Histogram _h;
+  HighpassFilter _f;
+  AudioData _audioBuffer;
+  ostreamptr _logStream;
+  AudioData _frame;  // scratch: one frame, filtered in place without touching the buffer
+};
+
+}  // namespace kt
