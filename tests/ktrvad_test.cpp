@@ -179,7 +179,9 @@ TEST_F(KtrvadTest, ReadingsLagOneBlockPerEvent) {
     EXPECT_EQ(out.info, expected.front().info) << "block " << i;
     expected.pop_front();
     codes.push_back(out.result);
-    if (i == 1) EXPECT_EQ(out.volume, 100.0);  // the loud block's reading
+    if (i == 1) {
+      EXPECT_EQ(out.volume, 100.0);  // the loud block's reading
+    }
   }
   // Speech ends in the sixth silent block and is reported with the seventh.
   EXPECT_EQ(codes, (std::vector<int>{1, 3, 3, 3, 3, 3, 3, 2, 3, 3, 3}));
