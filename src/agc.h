@@ -18,7 +18,7 @@ namespace kt {
 using ostreamptr = std::shared_ptr<std::ostream>;
 
 // Writes x with the stream's own formatting and flushes at once; an empty holder
-// writes nothing. Returns os so that writes chain.
+// writes nothing. Returns os so that writes chain. Outside kt: using kt::operator<<.
 template <typename T>
 ostreamptr& operator<<(ostreamptr& os, const T& x) {
   if (os) {
