@@ -1,0 +1,406 @@
+#include "plot.h"
+
+#include <cairo-svg.h>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+#include "agcrun.h"
+#include "frametrace.h"
+#include "outputfile.h"
+#include "recording.h"
+
+namespace ktcli {
+namespace {
+
+constexpr double kWidth = 1400.0;
+constexpr double kLeft = 80.0;
+constexpr double kRight = 240.0;
+constexpr double kTitleHeight = 60.0;
+constexpr double kGap = 28.0;
+constexpr double kBottom = 56.0;
+constexpr double kWaveHeight = 150.0;
+constexpr double kEnergyHeight = 300.0;
+constexpr double kVolumeHeight = 150.0;
+constexpr double kGainHeight = 150.0;
+constexpr double kVerdictBand = 12.0;
+// 20 log10(32768): the energy of a full-scale signal, the zero of dBFS.
+constexpr double kFullScaleDb = 90.30899869919436;
+
+struct Rgb {
+  double r, g, b;
+};
+constexpr Rgb kSpeechShade{0.84, 0.93, 0.82};
+constexpr Rgb kLabelBar{0.20, 0.50, 0.22};
+constexpr Rgb kWave{0.27, 0.45, 0.70};
+constexpr Rgb kEnergy{0.25, 0.25, 0.25};
+constexpr Rgb kStart{0.85, 0.12, 0.12};
+constexpr Rgb kEnd{0.95, 0.55, 0.05};
+constexpr Rgb kNoise{0.10, 0.35, 0.85};
+constexpr Rgb kSpeech{0.58, 0.20, 0.70};
+constexpr Rgb kVolume{0.05, 0.45, 0.35};
+constexpr Rgb kGain{0.10, 0.10, 0.10};
+constexpr Rgb kGrid{0.88, 0.88, 0.88};
+constexpr Rgb kText{0.15, 0.15, 0.15};
+
+Rgb VerdictColour(const std::string& info) {
+  if (info == "TooNoisy") return {0.95, 0.55, 0.05};
+  if (info == "TooSoft") return {0.10, 0.35, 0.85};
+  if (info == "TooLoud") return {0.85, 0.12, 0.12};
+  return {0.72, 0.72, 0.72};
+}
+
+Rgb DecisionColour(const std::string& decision) {
+  if (decision == "toolow") return {0.10, 0.35, 0.85};
+  if (decision == "toohigh") return {0.85, 0.12, 0.12};
+  if (decision == "speech") return {0.05, 0.45, 0.35};
+  if (decision == "pause") return {0.55, 0.55, 0.55};
+  return kGain;
+}
+
+void SetColour(cairo_t* cr, const Rgb& c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
+
+// 1, 2 or 5 times a power of ten, so that about `count` steps span `range`.
+double NiceStep(double range, double count) {
+  const double raw = range / count;
+  const double power = std::pow(10.0, std::floor(std::log10(raw)));
+  for (const double m : {1.0, 2.0, 5.0}) {
+    if (m * power >= raw) return m * power;
+  }
+  return 10.0 * power;
+}
+
+void Text(cairo_t* cr, double x, double y, const std::string& text, double alignX, double size = 12.0) {
+  cairo_set_font_size(cr, size);
+  cairo_text_extents_t extents;
+  cairo_text_extents(cr, text.c_str(), &extents);
+  cairo_move_to(cr, x - alignX * extents.x_advance, y);
+  cairo_show_text(cr, text.c_str());
+}
+
+std::string Number(double value, int decimals) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  return text;
+}
+
+}  // namespace
+
+double Plot::Panel::Y(double value) const {
+  const double clamped = std::clamp(value, _low, _high);
+  return GetBottom() - (clamped - _low) / (_high - _low) * _height;
+}
+
+void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
+  cairo_set_source_rgb(cr, _r, _g, _b);
+  if (_style == Box) {
+    cairo_rectangle(cr, x, y - 9, 22, 10);
+    cairo_fill(cr);
+  } else {
+    if (_style == Dashed) {
+      const double dashes[] = {6.0, 3.0};
+      cairo_set_dash(cr, dashes, 2, 0);
+    }
+    cairo_set_line_width(cr, 2.0);
+    cairo_move_to(cr, x, y - 4);
+    cairo_line_to(cr, x + 22, y - 4);
+    cairo_stroke(cr);
+    cairo_set_dash(cr, nullptr, 0, 0);
+  }
+  SetColour(cr, kText);
+  Text(cr, x + 30, y, _text, 0.0);
+}
+
+Plot::Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
+           std::vector<Segment> labels, std::string params)
+    : _recording(recording),
+      _trace(trace),
+      _vad(vad),
+      _agc(agc),
+      _labels(std::move(labels)),
+      _params(std::move(params)),
+      _durationS(std::max(recording.GetDurationS(), 1e-3)) {}
+
+bool Plot::IsSupportedFormat(const std::string& path) {
+  auto endsWith = [&path](const std::string& suffix) {
+    return path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
+  };
+  return endsWith(".svg") || endsWith(".png");
+}
+
+double Plot::X(double timeS) const { return kLeft + timeS / _durationS * (kWidth - kLeft - kRight); }
+
+double Plot::GetHeight() const {
+  return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
+         (_agc ? kGap + kGainHeight : 0.0) + kBottom;
+}
+
+void Plot::Render(const PendingFile& file) const {
+  const std::string& path = file.GetPath();
+  const bool svg = path.compare(path.size() - 4, 4, ".svg") == 0;
+  cairo_surface_t* surface =
+      svg ? cairo_svg_surface_create(file.GetTemporaryPath().c_str(), kWidth, GetHeight())
+          : cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(kWidth),
+                                       static_cast<int>(GetHeight()));
+  cairo_t* cr = cairo_create(surface);
+  Draw(cr);
+  cairo_destroy(cr);
+  cairo_status_t status = svg ? CAIRO_STATUS_SUCCESS
+                              : cairo_surface_write_to_png(surface, file.GetTemporaryPath().c_str());
+  cairo_surface_finish(surface);
+  if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_status(surface);
+  cairo_surface_destroy(surface);
+  if (status != CAIRO_STATUS_SUCCESS) {
+    throw std::runtime_error("cannot write " + path + ": " + cairo_status_to_string(status));
+  }
+}
+
+void Plot::Draw(cairo_t* cr) const {
+  cairo_set_source_rgb(cr, 1, 1, 1);
+  cairo_paint(cr);
+  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
+  DrawTitle(cr);
+
+  // Energies, thresholds and levels share one dB axis, cut to what the recording uses.
+  double lowDb = kFullScaleDb;
+  for (const double e : _trace.GetEnergiesDb()) lowDb = std::min(lowDb, e);
+  lowDb = std::max(0.0, std::floor((lowDb - 5.0) / 10.0) * 10.0);
+
+  double top = kTitleHeight;
+  std::vector<Panel> panels;
+  panels.emplace_back(top, kWaveHeight, -1.0, 1.0);
+  top += kWaveHeight + kGap;
+  panels.emplace_back(top, kEnergyHeight, lowDb, 100.0);
+  top += kEnergyHeight + kGap;
+  panels.emplace_back(top, kVolumeHeight, 0.0, 100.0);
+  top += kVolumeHeight + kGap;
+  if (_agc) panels.emplace_back(top, kGainHeight, 0.0, 1.0);
+
+  DrawFrame(cr, panels[0], "amplitude", 0.5);
+  DrawFrame(cr, panels[1], "energy (dB)", 10.0);
+  DrawFrame(cr, panels[2], "SNR volume (%)", 25.0);
+  if (_agc) DrawFrame(cr, panels[3], "gain", 0.25);
+  DrawTimeAxis(cr, panels);
+  DrawWaveform(cr, panels[0]);
+  DrawEnergy(cr, panels[1]);
+  DrawVolume(cr, panels[2]);
+  if (_agc) DrawGain(cr, panels[3]);
+}
+
+void Plot::DrawTitle(cairo_t* cr) const {
+  const size_t count = _vad.GetSegments().size();
+  std::string title = _recording.GetName() + "   " + std::to_string(_recording.GetRateHz()) + " Hz, " +
+                      Number(_recording.GetDurationS(), 2) + " s, " + std::to_string(count) +
+                      (count == 1 ? " speech segment" : " speech segments");
+  SetColour(cr, kText);
+  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
+  Text(cr, kLeft, 26, title, 0.0, 16.0);
+  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
+  Text(cr, kLeft, 46, "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params), 0.0);
+}
+
+void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLabel,
+                     double tickStep) const {
+  const double right = kWidth - kRight;
+  ShadeSegments(cr, panel);
+  cairo_set_line_width(cr, 1.0);
+  for (double v = std::ceil(panel.GetLow() / tickStep) * tickStep; v <= panel.GetHigh() + 1e-9;
+       v += tickStep) {
+    SetColour(cr, kGrid);
+    cairo_move_to(cr, kLeft, std::round(panel.Y(v)) + 0.5);
+    cairo_line_to(cr, right, std::round(panel.Y(v)) + 0.5);
+    cairo_stroke(cr);
+    SetColour(cr, kText);
+    Text(cr, kLeft - 6, panel.Y(v) + 4, Number(v, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
+  }
+  cairo_save(cr);
+  cairo_translate(cr, 22, (panel.GetTop() + panel.GetBottom()) / 2);
+  cairo_rotate(cr, -M_PI / 2);
+  Text(cr, 0, 0, axisLabel, 0.5);
+  cairo_restore(cr);
+  SetColour(cr, {0.5, 0.5, 0.5});
+  cairo_rectangle(cr, kLeft + 0.5, panel.GetTop() + 0.5, right - kLeft, panel.GetBottom() - panel.GetTop());
+  cairo_stroke(cr);
+}
+
+void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
+  const double step = NiceStep(_durationS, 12.0);
+  const double bottom = panels.back().GetBottom();
+  cairo_set_line_width(cr, 1.0);
+  for (double t = 0.0; t <= _durationS + 1e-9; t += step) {
+    const double x = std::round(X(t)) + 0.5;
+    SetColour(cr, {0.80, 0.80, 0.80});
+    for (const Panel& panel : panels) {
+      cairo_move_to(cr, x, panel.GetTop());
+      cairo_line_to(cr, x, panel.GetBottom());
+    }
+    cairo_stroke(cr);
+    SetColour(cr, kText);
+    Text(cr, x, bottom + 16, Number(t, step < 1.0 ? 1 : 0), 0.5, 11.0);
+  }
+  Text(cr, (kLeft + kWidth - kRight) / 2, bottom + 38, "time (s)", 0.5);
+}
+
+void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
+  SetColour(cr, kSpeechShade);
+  for (const Segment& segment : _vad.GetSegments()) {
+    cairo_rectangle(cr, X(segment.GetStartS()), panel.GetTop(), X(segment.GetEndS()) - X(segment.GetStartS()),
+                    panel.GetBottom() - panel.GetTop());
+  }
+  cairo_fill(cr);
+}
+
+void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendEntry>& entries) const {
+  double y = panel.GetTop() + 14;
+  for (const LegendEntry& entry : entries) {
+    entry.Draw(cr, kWidth - kRight + 16, y);
+    y += 19;
+  }
+}
+
+void Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
+  // Per pixel column, the smallest and largest sample: the envelope.
+  const kt::AudioData& samples = _recording.GetSamples();
+  const int columns = static_cast<int>(kWidth - kLeft - kRight);
+  std::vector<double> highs, lows;
+  for (int c = 0; c < columns; ++c) {
+    const size_t first = samples.size() * c / columns;
+    const size_t last = std::max(first + 1, samples.size() * (c + 1) / columns);
+    const auto range = std::minmax_element(samples.begin() + first, samples.begin() + std::min(last, samples.size()));
+    highs.push_back(*range.second / 32768.0);
+    lows.push_back(*range.first / 32768.0);
+  }
+  SetColour(cr, kWave);
+  cairo_move_to(cr, kLeft, panel.Y(highs[0]));
+  for (int c = 0; c < columns; ++c) cairo_line_to(cr, kLeft + c + 0.5, panel.Y(highs[c]));
+  for (int c = columns - 1; c >= 0; --c) cairo_line_to(cr, kLeft + c + 0.5, panel.Y(lows[c]) + 0.5);
+  cairo_close_path(cr);
+  cairo_fill(cr);
+
+  std::vector<LegendEntry> legend{{"waveform", LegendEntry::Box, kWave.r, kWave.g, kWave.b},
+                                  {"detected speech", LegendEntry::Box, kSpeechShade.r, kSpeechShade.g, kSpeechShade.b}};
+  if (!_labels.empty()) {
+    SetColour(cr, kLabelBar);
+    for (const Segment& label : _labels) {
+      cairo_rectangle(cr, X(label.GetStartS()), panel.GetTop() + 3, X(label.GetEndS()) - X(label.GetStartS()), 6);
+    }
+    cairo_fill(cr);
+    legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar.r, kLabelBar.g, kLabelBar.b);
+  }
+  DrawLegend(cr, panel, legend);
+}
+
+void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const {
+  const double frameS = _trace.GetFrameMs() / 1000.0;
+  bool drawing = false;
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (std::isnan(values[i])) {
+      drawing = false;
+      continue;
+    }
+    const double y = panel.Y(values[i]);
+    if (drawing) {
+      cairo_line_to(cr, X(i * frameS), y);
+    } else {
+      cairo_move_to(cr, X(i * frameS), y);
+      drawing = true;
+    }
+    cairo_line_to(cr, X((i + 1) * frameS), y);
+  }
+  cairo_stroke(cr);
+}
+
+void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
+  cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
+  cairo_set_line_width(cr, 1.0);
+  SetColour(cr, kEnergy);
+  DrawFrameSeries(cr, panel, _trace.GetEnergiesDb());
+  cairo_set_line_width(cr, 2.0);
+  SetColour(cr, kNoise);
+  DrawFrameSeries(cr, panel, _trace.GetNoiseLevelsDb());
+  SetColour(cr, kSpeech);
+  DrawFrameSeries(cr, panel, _trace.GetSpeechLevelsDb());
+  const double dashes[] = {7.0, 4.0};
+  cairo_set_dash(cr, dashes, 2, 0);
+  SetColour(cr, kStart);
+  DrawFrameSeries(cr, panel, _trace.GetStartThresholdsDb());
+  SetColour(cr, kEnd);
+  DrawFrameSeries(cr, panel, _trace.GetEndThresholdsDb());
+  cairo_set_dash(cr, nullptr, 0, 0);
+
+  // Full scale, so that the energy scale reads against dBFS.
+  SetColour(cr, {0.5, 0.5, 0.5});
+  Text(cr, kLeft + 6, panel.Y(kFullScaleDb) - 4, "0 dBFS", 0.0, 10.0);
+  DrawLegend(cr, panel,
+             {{"frame energy", LegendEntry::Line, kEnergy.r, kEnergy.g, kEnergy.b},
+              {"speech-start threshold", LegendEntry::Dashed, kStart.r, kStart.g, kStart.b},
+              {"speech-end threshold", LegendEntry::Dashed, kEnd.r, kEnd.g, kEnd.b},
+              {"speech level", LegendEntry::Line, kSpeech.r, kSpeech.g, kSpeech.b},
+              {"noise level", LegendEntry::Line, kNoise.r, kNoise.g, kNoise.b}});
+}
+
+void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
+  // Each reading covers the time since the previous one.
+  double previousS = 0.0;
+  bool first = true;
+  cairo_set_line_width(cr, 2.0);
+  for (const nlohmann::json& record : _vad.GetRecords()) {
+    if (record["type"] != "volume") continue;
+    const double timeS = record["timeMs"].get<double>() / 1000.0;
+    const Rgb verdict = VerdictColour(record["info"].get<std::string>());
+    cairo_rectangle(cr, X(previousS), panel.GetBottom() - kVerdictBand, X(timeS) - X(previousS), kVerdictBand);
+    SetColour(cr, verdict);
+    cairo_fill(cr);
+    const double y = panel.Y(record["snrVolumePct"].get<double>());
+    SetColour(cr, kVolume);
+    if (first) {
+      cairo_move_to(cr, X(previousS), y);
+      first = false;
+    }
+    cairo_line_to(cr, X(previousS), y);
+    cairo_line_to(cr, X(timeS), y);
+    previousS = timeS;
+  }
+  SetColour(cr, kVolume);
+  cairo_stroke(cr);
+  const Rgb ok = VerdictColour("OK"), noisy = VerdictColour("TooNoisy"), soft = VerdictColour("TooSoft"),
+            loud = VerdictColour("TooLoud");
+  DrawLegend(cr, panel,
+             {{"SNR volume", LegendEntry::Line, kVolume.r, kVolume.g, kVolume.b},
+              {"verdict OK", LegendEntry::Box, ok.r, ok.g, ok.b},
+              {"too noisy", LegendEntry::Box, noisy.r, noisy.g, noisy.b},
+              {"too soft", LegendEntry::Box, soft.r, soft.g, soft.b},
+              {"too loud", LegendEntry::Box, loud.r, loud.g, loud.b}});
+}
+
+void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
+  double gain = _agc->GetStartGain();
+  cairo_set_line_width(cr, 2.0);
+  SetColour(cr, kGain);
+  cairo_move_to(cr, X(0.0), panel.Y(gain));
+  for (const GainUpdate& update : _agc->GetUpdates()) {
+    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
+    gain = update.GetGain();
+    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
+  }
+  cairo_line_to(cr, X(_durationS), panel.Y(gain));
+  cairo_stroke(cr);
+  // Mark the updates that did more than wait.
+  for (const GainUpdate& update : _agc->GetUpdates()) {
+    if (update.GetDecision() == "nil") continue;
+    SetColour(cr, DecisionColour(update.GetDecision()));
+    cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
+    cairo_fill(cr);
+  }
+  const Rgb low = DecisionColour("toolow"), high = DecisionColour("toohigh"), speech = DecisionColour("speech"),
+            pause = DecisionColour("pause");
+  DrawLegend(cr, panel,
+             {{"gain (closed loop)", LegendEntry::Line, kGain.r, kGain.g, kGain.b},
+              {"too low: jump up", LegendEntry::Box, low.r, low.g, low.b},
+              {"too high: jump down", LegendEntry::Box, high.r, high.g, high.b},
+              {"speech onset", LegendEntry::Box, speech.r, speech.g, speech.b},
+              {"pause", LegendEntry::Box, pause.r, pause.g, pause.b}});
+}
+
+}  // namespace ktcli

@@ -1,0 +1,86 @@
+#pragma once
+// One picture of a run: waveform, frame energies with the thresholds and learnt levels,
+// speech segments, volume readings with verdicts and, when given, the gain trajectory.
+#include <cairo.h>
+
+#include <string>
+#include <vector>
+
+#include "vadrun.h"
+
+namespace ktcli {
+
+class AgcRun;
+class FrameTrace;
+class PendingFile;
+class Recording;
+
+class Plot {
+ public:
+  // Keeps references: everything passed must outlive the plot. agc may be null.
+  Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
+       std::vector<Segment> labels, std::string params);
+
+  // ".svg" and ".png", by the path's extension.
+  static bool IsSupportedFormat(const std::string& path);
+  // Draws into the file's temporary name; the caller commits it.
+  void Render(const PendingFile& file) const;
+
+ private:
+  // A horizontal band of the picture with its own value axis.
+  class Panel {
+   public:
+    Panel(double top, double height, double low, double high)
+        : _top(top), _height(height), _low(low), _high(high) {}
+    double GetTop() const { return _top; }
+    double GetBottom() const { return _top + _height; }
+    double GetLow() const { return _low; }
+    double GetHigh() const { return _high; }
+    // Values outside the axis are drawn on its edge.
+    double Y(double value) const;
+
+   private:
+    double _top;
+    double _height;
+    double _low;
+    double _high;
+  };
+
+  class LegendEntry {
+   public:
+    enum Style { Line, Dashed, Box };
+    LegendEntry(std::string text, Style style, double r, double g, double b)
+        : _text(std::move(text)), _style(style), _r(r), _g(g), _b(b) {}
+    void Draw(cairo_t* cr, double x, double y) const;
+
+   private:
+    std::string _text;
+    Style _style;
+    double _r, _g, _b;
+  };
+
+  double X(double timeS) const;
+  double GetHeight() const;
+  void Draw(cairo_t* cr) const;
+  void DrawTitle(cairo_t* cr) const;
+  void DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLabel, double tickStep) const;
+  void DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const;
+  void ShadeSegments(cairo_t* cr, const Panel& panel) const;
+  void DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendEntry>& entries) const;
+  void DrawWaveform(cairo_t* cr, const Panel& panel) const;
+  void DrawEnergy(cairo_t* cr, const Panel& panel) const;
+  void DrawVolume(cairo_t* cr, const Panel& panel) const;
+  void DrawGain(cairo_t* cr, const Panel& panel) const;
+  // A polyline over the frames, broken where a value is NaN.
+  void DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const;
+
+  const Recording& _recording;
+  const FrameTrace& _trace;
+  const VadRun& _vad;
+  const AgcRun* _agc;
+  std::vector<Segment> _labels;
+  std::string _params;
+  double _durationS;
+};
+
+}  // namespace ktcli
