@@ -127,6 +127,20 @@ TEST(AudioAnalyzerConfigTest, FailingKeyStopsTheUpdateThere) {
   }
 }
 
+TEST(AudioAnalyzerConfigTest, RefusedHistogramWindowLeavesTheHistogramAsItWas) {
+  AudioAnalyzer a("", 8000.0, true);
+  EXPECT_EQ(MessageOf([&] {
+              a.UpdateParameters(
+                  "SpeechWindowSizeMs=100;HistogramWindowSizeMs=9;HistogramMinWindowSizeMs=20;"
+                  "MaxDecayRateDbPerDs=10");
+            }),
+            "Value out of range");
+  EXPECT_EQ(Access::SpeechWindowSize(a), 5);
+  EXPECT_EQ(Access::MaxDecayRate(a), 48.0);
+  Access::Feed(a, 30.5, 39);  // still the minimum window of 40, not 1
+  EXPECT_FALSE(Access::Histogram(a).IsThresholdComputed());
+}
+
 TEST(AudioAnalyzerConfigTest, RefusesValuesBeyondTheRings) {
   AudioAnalyzer a("", 16000.0, true);
   // 198 frames of window or of a third of the time-out are the most the rings allow.
