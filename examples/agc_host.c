@@ -5,16 +5,9 @@
  * 44-byte header; the volume scale runs from 0 to BOUND, by default 10 of 100) */
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include "KTRAGC.h"
-
-static unsigned int ReadLE(const unsigned char* p, int bytes) {
-  unsigned int value = 0;
-  int i;
-  for (i = bytes - 1; i >= 0; --i) value = value << 8 | p[i];
-  return value;
-}
+#include "wav_header.h"
 
 /* The recording at a volume of lVolume / lBound, saturated to 16 bits. */
 static void ApplyVolume(short* psSamples, size_t uCount, long lVolume, long lBound) {
@@ -28,7 +21,6 @@ static void ApplyVolume(short* psSamples, size_t uCount, long lVolume, long lBou
 }
 
 int main(int argc, char** argv) {
-  unsigned char header[44];
   unsigned int uiRate, uiBlockBytes, uiBlock = 0;
   short* psBlock;
   size_t uRead;
@@ -51,16 +43,13 @@ int main(int argc, char** argv) {
     fprintf(stderr, "error: cannot open %s\n", argv[1]);
     return 1;
   }
-  if (fread(header, 1, sizeof header, file) != sizeof header || memcmp(header, "RIFF", 4) ||
-      memcmp(header + 8, "WAVEfmt ", 8) || ReadLE(header + 20, 2) != 1 ||
-      ReadLE(header + 22, 2) != 1 || ReadLE(header + 34, 2) != 16 ||
-      memcmp(header + 36, "data", 4)) {
+  uiRate = ReadWavHeader(file);
+  if (uiRate == 0) {
     fprintf(stderr, "error: %s is not a 16-bit mono PCM WAV file with a 44-byte header\n",
             argv[1]);
     fclose(file);
     return 1;
   }
-  uiRate = ReadLE(header + 24, 4);
   uiBlockBytes = uiRate / 50 * 2;
 
   iRet = KTRAGC_Init((int)uiRate);

@@ -107,6 +107,10 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
   _leastGain = params.Get<float>("LeastGain", 0.001f);
   CheckRange(_leastGain, 0.0f, 1.0f);  // the floor is applied after the ceiling of 1
   _deltaGain = params.Get<float>("DeltaGain", 0.15f);
+  // From 1 on a relative step down reaches 0 and the median gain has no meaning.
+  if (!(_deltaGain >= 0.0f && _deltaGain < 1.0f)) {
+    throw std::invalid_argument("Value out of range");
+  }
   _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
   _frame.resize(GetSamplesPerFrame());
   Reset();
@@ -121,9 +125,18 @@ void AGC::Reset() {
   _f.Reset();
 }
 
+namespace {
+
+// A host's gain is input, not an invariant: refused with the condition it breaks.
+void CheckGain(float currentGain) {
+  if (!(currentGain >= 0.0f)) throw std::invalid_argument("currentGain >= 0.0f");
+  if (!(currentGain <= 1.0f)) throw std::invalid_argument("currentGain <= 1.0f");
+}
+
+}  // namespace
+
 float AGC::ComputeGain(const AudioData& a, float currentGain) {
-  KT_ASSERT(currentGain >= 0.0f);
-  KT_ASSERT(currentGain <= 1.0f);
+  CheckGain(currentGain);
   const double blockMs = static_cast<double>(a.size()) * 1000.0 / _samplingRate;
   if (!(currentGain > 0.0f)) {
     _timeMs += blockMs;
@@ -165,6 +178,7 @@ float AGC::GetMedianGain() const {
 }
 
 float AGC::ComputeGainRandom(const AudioData& /*a*/, float currentGain) const {
+  CheckGain(currentGain);
   static const float startGain = currentGain;  // once per process, thread-safe
   switch (std::rand() % 3) {
     case 1:
@@ -214,11 +228,7 @@ float AGC::GetThreshold(float a, float b, float offset) const {
 bool AGC::DetectSpeech(float a, float b) const {
   if (_speechWindowSize > _h.GetNumSamples()) return false;
   const float t = GetThreshold(a, b, _thresholdOffsetSpeech);
-  const int w = _h.GetWindowSize();
-  int count = 0;
-  for (int i = _h._wIndex - _speechWindowSize; i < _h._wIndex; ++i) {
-    if (_h._window[i % w] >= t) ++count;
-  }
+  const int count = _h.CountLast(_speechWindowSize, [t](float x) { return x >= t; });
   // 40 × 0.300000012 = 12.0000005 in double: 13 loud frames are needed, not 12.
   return count >= static_cast<double>(_speechWindowSize) * static_cast<double>(_speechFraction);
 }
@@ -226,12 +236,7 @@ bool AGC::DetectSpeech(float a, float b) const {
 bool AGC::DetectPause(float a, float b) const {
   if (_pauseWindowSize > _h.GetNumSamples()) return false;
   const float t = GetThreshold(a, b, _thresholdOffsetPause);
-  const int w = _h.GetWindowSize();
-  int count = 0;
-  for (int i = _h._wIndex - _pauseWindowSize; i < _h._wIndex; ++i) {
-    if (_h._window[i % w] <= t) ++count;
-  }
-  return count == _pauseWindowSize;
+  return _h.CountLast(_pauseWindowSize, [t](float x) { return x <= t; }) == _pauseWindowSize;
 }
 
 float AGC::ComputeGain(float currentGain, float clippingFraction) {
@@ -247,19 +252,9 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
   LogMeasurement(timeMs, currentGain, a, a2, b2, b, clippingFraction, n);
 
   if (a2 < _minLowerBound && b < _lowerBound) {
-    const float newGain = NewGain(currentGain, true, _fastStepSizeUp);
-    _state = Initial;
-    _logStream << "\t " << "toolow:" << timeMs;
-    LogNewGain(newGain);
-    return newGain;
+    return Jump(currentGain, true, _fastStepSizeUp, "toolow:", timeMs);
   }
-  if (b2 > _upperBound) {
-    const float newGain = NewGain(currentGain, false, _fastStepSizeDown);
-    _state = Initial;
-    _logStream << "\t " << "toohigh:" << timeMs;
-    LogNewGain(newGain);
-    return newGain;
-  }
+  if (b2 > _upperBound) return Jump(currentGain, false, _fastStepSizeDown, "toohigh:", timeMs);
   if (_state == Initial) {
     if (DetectSpeech(a, b)) {
       _rising = true;
@@ -296,6 +291,15 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
   }
   _logStream << "\n";
   return currentGain;
+}
+
+float AGC::Jump(float currentGain, bool increase, int stepSize, const char* record,
+                uint32_t timeMs) {
+  const float newGain = NewGain(currentGain, increase, stepSize);
+  _state = Initial;
+  _logStream << "\t " << record << timeMs;
+  LogNewGain(newGain);
+  return newGain;
 }
 
 float AGC::NewGain(float currentGain, bool increase, int stepSize) {

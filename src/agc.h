@@ -32,7 +32,8 @@ ostreamptr& operator<<(ostreamptr& os, const T& x) {
 // - "Value out of range": a duration key below 0 or above kMaxDurationMs; a "WindowSizeMs"
 //   of less than one frame or of fewer frames than "MinLowerLevelSizeMs" or
 //   "MinUpperLevelSizeMs" ask for; "FastStepSizeUp"/"FastStepSizeDown" above
-//   kMaxStepSize; "LeastGain" or "CutoffFraction" outside 0 to 1.
+//   kMaxStepSize; "LeastGain" or "CutoffFraction" outside 0 to 1; "DeltaGain" outside
+//   0 (inclusive) to 1 (exclusive).
 // - "_minUpdateFrames >= _minLowerLevelFrames", "_minUpdateFrames >= _minUpperLevelFrames":
 //   an update would otherwise ask the histogram for more levels than it holds.
 // A step count of 0 or less means no step.
@@ -76,6 +77,17 @@ class AGC {
 
     int GetWindowSize() const { return static_cast<int>(_window.size()); }
 
+    // How many of the last k levels (k at most GetNumSamples()) satisfy pred.
+    template <typename Predicate>
+    int CountLast(int k, Predicate pred) const {
+      const int w = GetWindowSize();
+      int count = 0;
+      for (int i = _wIndex - k; i < _wIndex; ++i) {
+        if (pred(_window[i % w])) ++count;
+      }
+      return count;
+    }
+
     // Lower edge (dB) of the first bin, walked from the bottom (b) or the top, at which
     // at least minSamples levels and percent of all levels have been passed.
     float GetLevel(int percent, bool b, int minSamples) const;
@@ -87,7 +99,9 @@ class AGC {
   // buffered audio and log stream.
   void Reset();
 
-  // The gain to set next, given the block recorded at currentGain (0 to 1).
+  // The gain to set next, given the block recorded at currentGain. A gain outside 0 to 1
+  // (or NaN) is refused with std::invalid_argument("currentGain >= 0.0f") or
+  // ("currentGain <= 1.0f") before anything changes.
   float ComputeGain(const AudioData& a, float currentGain);
   // The same on the scale 0 to 65535; an unchanged gain comes back bit for bit.
   unsigned short ComputeGain(const AudioData& a, unsigned short gain);
@@ -96,7 +110,8 @@ class AGC {
   float GetMedianGain() const;
 
   // Random walk of at most one step per call, within about a factor of 3.16 of the
-  // first gain this process passed in. A test aid; a is ignored.
+  // first gain this process passed in. A test aid; a is ignored. Refuses a gain outside
+  // 0 to 1 as ComputeGain does.
   float ComputeGainRandom(const AudioData& a, float currentGain) const;
 
   void SetLogStream(ostreamptr logStream) { _logStream = std::move(logStream); }
@@ -125,6 +140,8 @@ class AGC {
   uint32_t GetLogTimeMs() const {
     return static_cast<uint32_t>(static_cast<uint64_t>(_timeMs));
   }
+  // A jump of stepSize steps that forgets the levels and restarts in Initial.
+  float Jump(float currentGain, bool increase, int stepSize, const char* record, uint32_t timeMs);
   void LogMeasurement(uint32_t timeMs, float currentGain, float a, float a2, float b2,
                       float b, float clippingFraction, int n);
   void LogNewGain(float newGain);

@@ -176,9 +176,14 @@ TEST(AGCConfigTest, RefusesWhatCannotWork) {
   EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=300;MinLowerLevelSizeMs=300;WindowSizeMs=280"), range);
   EXPECT_EQ(ErrorOf("LeastGain=1.01"), range);
   EXPECT_EQ(ErrorOf("LeastGain=-0.001"), range);
-  EXPECT_EQ(ErrorOf("LeastGain=1;LeastGain=0"), "");
+  EXPECT_EQ(ErrorOf("LeastGain=1"), "");
+  EXPECT_EQ(ErrorOf("LeastGain=0"), "");
   EXPECT_EQ(ErrorOf("CutoffFraction=1.01"), range);
   EXPECT_EQ(ErrorOf("CutoffFraction=-0.1"), range);
+  EXPECT_EQ(ErrorOf("DeltaGain=1"), range);
+  EXPECT_EQ(ErrorOf("DeltaGain=-0.01"), range);
+  EXPECT_EQ(ErrorOf("DeltaGain=0"), "");
+  EXPECT_EQ(ErrorOf("DeltaGain=0.99"), "");
   EXPECT_EQ(ErrorOf("FastStepSizeUp=1001"), range);
   EXPECT_EQ(ErrorOf("FastStepSizeDown=2000000000"), range);
   EXPECT_EQ(ErrorOf("FastStepSizeUp=1000;FastStepSizeDown=0"), "");

@@ -42,7 +42,7 @@ void FillSpeech(AGC& agc, float noise, float speech) {
 std::string RefusalOf(AGC& agc, float gain) {
   try {
     agc.ComputeGain(AudioData(1600), gain);
-  } catch (const std::logic_error& e) {
+  } catch (const std::invalid_argument& e) {
     return e.what();
   }
   return "";
@@ -260,7 +260,8 @@ TEST(AGCGainTest, ResetKeepsTheBufferedAudio) {
 TEST(AGCGainTest, RandomWalkStaysNearItsFirstGain) {
   const AGC agc("", 16000);
   const AudioData none;
-  float gain = 0.1f;  // the first gain of the process: the walk's centre
+  EXPECT_THROW(agc.ComputeGainRandom(none, 1.5f), std::invalid_argument);  // no centre yet
+  float gain = 0.1f;  // the first gain accepted in the process: the walk's centre
   int ups = 0;
   int downs = 0;
   for (int i = 0; i < 3000; ++i) {
