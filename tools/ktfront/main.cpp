@@ -30,7 +30,7 @@ CLI::Option* AddApiOption(CLI::App* command, std::string& api) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"ktfront: speech activity detection and gain control over recordings"};
+  CLI::App app{"ktfront: speech activity detection and gain control over recordings", "ktfront"};
   app.require_subcommand(1);
   app.set_version_flag("--version", "ktfront 0.1.0");
 

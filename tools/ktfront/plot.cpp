@@ -24,7 +24,9 @@ constexpr double kWaveHeight = 150.0;
 constexpr double kEnergyHeight = 300.0;
 constexpr double kVolumeHeight = 150.0;
 constexpr double kGainHeight = 150.0;
-constexpr double kVerdictBand = 12.0;
+// The volume axis reaches below 0 % to make room for the band of verdicts.
+constexpr double kVerdictLowPct = -16.0;
+constexpr double kVerdictHighPct = -4.0;
 // 20 log10(32768): the energy of a full-scale signal, the zero of dBFS.
 constexpr double kFullScaleDb = 90.30899869919436;
 
@@ -56,7 +58,7 @@ Rgb DecisionColour(const std::string& decision) {
   if (decision == "toohigh") return {0.85, 0.12, 0.12};
   if (decision == "speech") return {0.05, 0.45, 0.35};
   if (decision == "pause") return {0.55, 0.55, 0.55};
-  return kGain;
+  return {0.58, 0.20, 0.70};  // a single step up during speech
 }
 
 void SetColour(cairo_t* cr, const Rgb& c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
@@ -173,7 +175,7 @@ void Plot::Draw(cairo_t* cr) const {
   top += kWaveHeight + kGap;
   panels.emplace_back(top, kEnergyHeight, lowDb, 100.0);
   top += kEnergyHeight + kGap;
-  panels.emplace_back(top, kVolumeHeight, 0.0, 100.0);
+  panels.emplace_back(top, kVolumeHeight, kVerdictLowPct, 100.0);
   top += kVolumeHeight + kGap;
   if (_agc) panels.emplace_back(top, kGainHeight, 0.0, 1.0);
 
@@ -212,7 +214,7 @@ void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLab
     cairo_line_to(cr, right, std::round(panel.Y(v)) + 0.5);
     cairo_stroke(cr);
     SetColour(cr, kText);
-    Text(cr, kLeft - 6, panel.Y(v) + 4, Number(v, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
+    Text(cr, kLeft - 6, panel.Y(v) + 4, Number(v + 0.0, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
   }
   cairo_save(cr);
   cairo_translate(cr, 22, (panel.GetTop() + panel.GetBottom()) / 2);
@@ -341,28 +343,33 @@ void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
 }
 
 void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
-  // Each reading covers the time since the previous one.
-  double previousS = 0.0;
-  bool first = true;
-  cairo_set_line_width(cr, 2.0);
+  // Each reading covers the time since the previous one: a band of verdicts along the
+  // bottom, merged where the verdict stays, and the per-cent curve above it.
+  std::vector<std::pair<double, const nlohmann::json*>> readings;
   for (const nlohmann::json& record : _vad.GetRecords()) {
-    if (record["type"] != "volume") continue;
-    const double timeS = record["timeMs"].get<double>() / 1000.0;
-    const Rgb verdict = VerdictColour(record["info"].get<std::string>());
-    cairo_rectangle(cr, X(previousS), panel.GetBottom() - kVerdictBand, X(timeS) - X(previousS), kVerdictBand);
-    SetColour(cr, verdict);
-    cairo_fill(cr);
-    const double y = panel.Y(record["snrVolumePct"].get<double>());
-    SetColour(cr, kVolume);
-    if (first) {
-      cairo_move_to(cr, X(previousS), y);
-      first = false;
-    }
-    cairo_line_to(cr, X(previousS), y);
-    cairo_line_to(cr, X(timeS), y);
-    previousS = timeS;
+    if (record["type"] == "volume") readings.emplace_back(record["timeMs"].get<double>() / 1000.0, &record);
   }
+  double bandStartS = 0.0;
+  for (size_t i = 0; i < readings.size(); ++i) {
+    const std::string info = (*readings[i].second)["info"];
+    if (i + 1 < readings.size() && (*readings[i + 1].second)["info"] == info) continue;
+    SetColour(cr, VerdictColour(info));
+    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].first) - X(bandStartS),
+                    panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
+    cairo_fill(cr);
+    bandStartS = readings[i].first;
+  }
+  double previousS = 0.0;
+  cairo_set_line_width(cr, 2.0);
   SetColour(cr, kVolume);
+  for (const auto& reading : readings) {
+    // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
+    const double y = panel.Y(std::max(0.0, (*reading.second)["snrVolumePct"].get<double>()));
+    if (previousS == 0.0) cairo_move_to(cr, X(0.0), y);
+    cairo_line_to(cr, X(previousS), y);
+    cairo_line_to(cr, X(reading.first), y);
+    previousS = reading.first;
+  }
   cairo_stroke(cr);
   const Rgb ok = VerdictColour("OK"), noisy = VerdictColour("TooNoisy"), soft = VerdictColour("TooSoft"),
             loud = VerdictColour("TooLoud");
@@ -387,20 +394,24 @@ void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
   cairo_line_to(cr, X(_durationS), panel.Y(gain));
   cairo_stroke(cr);
   // Mark the updates that did more than wait.
+  gain = _agc->GetStartGain();
   for (const GainUpdate& update : _agc->GetUpdates()) {
-    if (update.GetDecision() == "nil") continue;
+    const bool stepped = update.GetGain() != gain;
+    gain = update.GetGain();
+    if (update.GetDecision() == "nil" && !stepped) continue;
     SetColour(cr, DecisionColour(update.GetDecision()));
     cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);
   }
   const Rgb low = DecisionColour("toolow"), high = DecisionColour("toohigh"), speech = DecisionColour("speech"),
-            pause = DecisionColour("pause");
+            pause = DecisionColour("pause"), step = DecisionColour("nil");
   DrawLegend(cr, panel,
              {{"gain (closed loop)", LegendEntry::Line, kGain.r, kGain.g, kGain.b},
               {"too low: jump up", LegendEntry::Box, low.r, low.g, low.b},
               {"too high: jump down", LegendEntry::Box, high.r, high.g, high.b},
               {"speech onset", LegendEntry::Box, speech.r, speech.g, speech.b},
-              {"pause", LegendEntry::Box, pause.r, pause.g, pause.b}});
+              {"pause", LegendEntry::Box, pause.r, pause.g, pause.b},
+              {"step up in speech", LegendEntry::Box, step.r, step.g, step.b}});
 }
 
 }  // namespace ktcli
