@@ -3,16 +3,9 @@
  * Usage: vad_host FILE.wav (PCM, 16 bit, mono, 8000, 11025 or 16000 Hz, 44-byte header) */
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include "KTRVAD.h"
-
-static unsigned int ReadLE(const unsigned char* p, int bytes) {
-  unsigned int value = 0;
-  int i;
-  for (i = bytes - 1; i >= 0; --i) value = value << 8 | p[i];
-  return value;
-}
+#include "wav_header.h"
 
 static const char* InfoName(int info) {
   switch (info) {
@@ -25,7 +18,6 @@ static const char* InfoName(int info) {
 }
 
 int main(int argc, char** argv) {
-  unsigned char header[44];
   unsigned int uiRate, uiBlockBytes, uiBlock = 0;
   unsigned char* pBlock;
   size_t uRead;
@@ -42,14 +34,12 @@ int main(int argc, char** argv) {
     fprintf(stderr, "error: cannot open %s\n", argv[1]);
     return 1;
   }
-  if (fread(header, 1, sizeof header, file) != sizeof header || memcmp(header, "RIFF", 4) ||
-      memcmp(header + 8, "WAVEfmt ", 8) || ReadLE(header + 20, 2) != 1 ||
-      ReadLE(header + 22, 2) != 1 || ReadLE(header + 34, 2) != 16 || memcmp(header + 36, "data", 4)) {
+  uiRate = ReadWavHeader(file);
+  if (uiRate == 0) {
     fprintf(stderr, "error: %s is not a 16-bit mono PCM WAV file with a 44-byte header\n", argv[1]);
     fclose(file);
     return 1;
   }
-  uiRate = ReadLE(header + 24, 4);
   uiBlockBytes = uiRate / 50 * 2;
 
   iRet = KTRVAD_Init((double)uiRate);
