@@ -116,8 +116,8 @@ class AudioAnalyzer {
 
   // Frames kept in the energy and sample rings.
   static constexpr int kRingSize = 200;
-  // Oldest frame, counted back from the newest, that a decision or a released frame
-  // result may still read: the ring minus the frame stored after it and the look-ahead.
+  // Most frames a decision may look back, or a frame result be held back: the ring
+  // less the decided frame and its look-ahead.
   static constexpr int kMaxLookBackFrames = kRingSize - 2;
 
   // Throws std::invalid_argument: "Sampling rate" unless 8000, 11025 or 16000 Hz,
