@@ -129,12 +129,6 @@ TEST(AGCGainTest, SteadyToneAt60dBIsNeverSpeech) {
   EXPECT_EQ(NumLevels(agc), 100);
 }
 
-TEST(AGCGainTest, LoudToneJumpsDown) {
-  AGC agc("", 16000);
-  EXPECT_EQ(FeedTone(agc, 30000.0, 1, 0.5f).back(), kJumpDown);  // about 85.6 dB
-  EXPECT_EQ(NumLevels(agc), 0);
-}
-
 TEST(AGCDecisionTest, TooLowNeedsTheLoudLevelsBelowTheLowerBound) {
   for (float loud : {51.0f, 50.75f}) {
     AGC agc("", 16000);
