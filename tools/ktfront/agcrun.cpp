@@ -16,7 +16,7 @@ namespace {
 
 // Fields of one diagnostic line: time, gain, a, a2, b2, b, clipping, levels, "word:time",
 // and "# gain" after a step. Returns the record word, the measurements go into detail.
-std::string ParseLogLine(const std::string& line, nlohmann::json& detail) {
+std::string ParseLogLine(const std::string& line, nlohmann::ordered_json& detail) {
   static const char* const kNames[] = {"logTimeMs", "currentGain", "a", "a2", "b2", "b",
                                        "clippingFraction", "n"};
   std::istringstream fields(line);
@@ -24,7 +24,9 @@ std::string ParseLogLine(const std::string& line, nlohmann::json& detail) {
   std::string word = "?";
   for (size_t i = 0; std::getline(fields, field, '\t'); ++i) {
     field.erase(0, field.find_first_not_of(" #"));
-    if (i < 8) {
+    if (i == 0 || i == 7) {  // the time and the number of levels are integers
+      detail[kNames[i]] = std::strtol(field.c_str(), nullptr, 10);
+    } else if (i < 8) {
       detail[kNames[i]] = std::strtod(field.c_str(), nullptr);
     } else if (i == 8) {
       word = field.substr(0, field.find(':'));
@@ -35,11 +37,9 @@ std::string ParseLogLine(const std::string& line, nlohmann::json& detail) {
 
 }  // namespace
 
-nlohmann::json GainUpdate::ToJson() const {
-  nlohmann::json json = _detail;
-  json["timeS"] = _timeS;
-  json["gain"] = _gain;
-  json["decision"] = _decision;
+nlohmann::ordered_json GainUpdate::ToJson() const {
+  nlohmann::ordered_json json = {{"timeS", _timeS}, {"gain", _gain}, {"decision", _decision}};
+  for (const auto& item : _detail.items()) json[item.key()] = item.value();
   return json;
 }
 
@@ -68,12 +68,12 @@ AgcRun AgcRun::ThroughClasses(const kt::AudioData& samples, int rateHz, const st
     const std::string text = log->str();
     const std::string::size_type lineEnd = text.find('\n', logged);
     if (lineEnd != std::string::npos) {
-      nlohmann::json detail;
+      nlohmann::ordered_json detail;
       const std::string word = ParseLogLine(text.substr(logged, lineEnd - logged), detail);
       run._updates.emplace_back(timeS, newGain, word, detail);
       logged = lineEnd + 1;
     } else if (newGain != gain) {
-      run._updates.emplace_back(timeS, newGain, "median", nlohmann::json::object());
+      run._updates.emplace_back(timeS, newGain, "median", nlohmann::ordered_json::object());
     }
     gain = newGain;
   }
@@ -101,7 +101,7 @@ AgcRun AgcRun::ThroughCInterface(const kt::AudioData& samples, int rateHz, int b
     if (newVolume != volume) {
       const float gain = static_cast<float>(newVolume) / static_cast<float>(bound);
       run._updates.emplace_back(static_cast<double>(end) / rateHz, gain, "-",
-                                nlohmann::json{{"volume", newVolume}, {"bound", bound}});
+                                nlohmann::ordered_json{{"volume", newVolume}, {"bound", bound}});
     }
     volume = newVolume;
   }

@@ -11,7 +11,7 @@ namespace ktcli {
 
 class GainUpdate {
  public:
-  GainUpdate(double timeS, float gain, std::string decision, nlohmann::json detail)
+  GainUpdate(double timeS, float gain, std::string decision, nlohmann::ordered_json detail)
       : _timeS(timeS), _gain(gain), _decision(std::move(decision)), _detail(std::move(detail)) {}
   // End of the block after which the gain below is set.
   double GetTimeS() const { return _timeS; }
@@ -19,13 +19,13 @@ class GainUpdate {
   // The record word of the diagnostic log ("toolow", "toohigh", "speech", "pause",
   // "nil"), "median" for the restart at gain 0, "-" through the C interface.
   const std::string& GetDecision() const { return _decision; }
-  nlohmann::json ToJson() const;
+  nlohmann::ordered_json ToJson() const;
 
  private:
   double _timeS;
   float _gain;
   std::string _decision;
-  nlohmann::json _detail;
+  nlohmann::ordered_json _detail;
 };
 
 class AgcRun {

@@ -85,7 +85,7 @@ std::string Format(const char* format, double a, double b) {
 }
 
 // One line of plain output per record, or nothing for records not asked for.
-std::string PlainLine(const nlohmann::json& record, const VadOptions& options) {
+std::string PlainLine(const nlohmann::ordered_json& record, const VadOptions& options) {
   const std::string type = record["type"];
   if (type == "segment") {
     return Format("%.3f %.3f", record["start"].get<double>(), record["end"].get<double>()) +
@@ -137,7 +137,7 @@ int RunVad(const VadOptions& options) {
                : VadRun::ThroughClasses(recording.GetSamples(), recording.GetRateHz(),
                                         options.params, blockSamples);
   std::string out;
-  for (const nlohmann::json& record : run.GetRecords()) {
+  for (const nlohmann::ordered_json& record : run.GetRecords()) {
     const std::string line = options.json ? record.dump() : PlainLine(record, options);
     if (!line.empty()) out += line + "\n";
   }

@@ -1,6 +1,7 @@
 #include "outputfile.h"
 
 #include <sndfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,6 +33,10 @@ PendingFile::PendingFile(std::string path) : _path(std::move(path)) {
   std::string pattern = DirectoryOf(_path) + "/." + FileNameOf(_path) + ".XXXXXX";
   const int fd = mkstemp(pattern.data());
   if (fd < 0) throw std::runtime_error("cannot write " + _path + ": " + std::strerror(errno));
+  // mkstemp makes the file private; the finished file gets the usual permissions.
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, 0666 & ~mask);
   close(fd);
   _temporaryPath = pattern;
 }

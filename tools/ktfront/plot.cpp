@@ -199,7 +199,9 @@ void Plot::DrawTitle(cairo_t* cr) const {
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
   Text(cr, kLeft, 26, title, 0.0, 16.0);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
-  Text(cr, kLeft, 46, "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params), 0.0);
+  std::string subtitle = "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params);
+  if (_agc) subtitle += "      gain control from gain " + Number(_agc->GetStartGain(), 2);
+  Text(cr, kLeft, 46, subtitle, 0.0);
 }
 
 void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLabel,
@@ -345,8 +347,8 @@ void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
 void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
   // Each reading covers the time since the previous one: a band of verdicts along the
   // bottom, merged where the verdict stays, and the per-cent curve above it.
-  std::vector<std::pair<double, const nlohmann::json*>> readings;
-  for (const nlohmann::json& record : _vad.GetRecords()) {
+  std::vector<std::pair<double, const nlohmann::ordered_json*>> readings;
+  for (const nlohmann::ordered_json& record : _vad.GetRecords()) {
     if (record["type"] == "volume") readings.emplace_back(record["timeMs"].get<double>() / 1000.0, &record);
   }
   double bandStartS = 0.0;

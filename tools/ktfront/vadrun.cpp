@@ -26,14 +26,14 @@ const char* InfoName(int info) {
   return info >= 0 && info < 4 ? kNames[info] : "?";
 }
 
-nlohmann::json StreamRecord(const char* api, int rateHz, int blockSamples, size_t samples) {
+nlohmann::ordered_json StreamRecord(const char* api, int rateHz, int blockSamples, size_t samples) {
   return {{"type", "stream"}, {"api", api},          {"rateHz", rateHz},
           {"blockSamples", blockSamples}, {"samples", samples}};
 }
 
 }  // namespace
 
-void VadRun::Add(nlohmann::json record) { _records.push_back(std::move(record)); }
+void VadRun::Add(nlohmann::ordered_json record) { _records.push_back(std::move(record)); }
 
 void VadRun::AddEvent(const std::string& tag, double timeMs) {
   Add({{"type", "event"}, {"tag", tag}, {"timeMs", timeMs}});

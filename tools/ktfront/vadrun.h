@@ -34,17 +34,17 @@ class VadRun {
   static VadRun ThroughCInterface(const kt::AudioData& samples, int rateHz, int blockSamples);
 
   // Records of type "stream", "event", "volume", "frame" and "segment".
-  const std::vector<nlohmann::json>& GetRecords() const { return _records; }
+  const std::vector<nlohmann::ordered_json>& GetRecords() const { return _records; }
   const std::vector<Segment>& GetSegments() const { return _segments; }
 
  private:
   VadRun() = default;
-  void Add(nlohmann::json record);
+  void Add(nlohmann::ordered_json record);
   // Pairs starts with ends into segments; an end without a start is ignored.
   void AddEvent(const std::string& tag, double timeMs);
   void CloseOpenSegment(double endS);
 
-  std::vector<nlohmann::json> _records;
+  std::vector<nlohmann::ordered_json> _records;
   std::vector<Segment> _segments;
   std::optional<double> _openStartS;
 };
