@@ -49,11 +49,12 @@ class HighpassFilter {
 
   // floor(x + 0.5) for |x| <= 32768.5, without a call into the C library: truncation
   // toward zero is floor except for negative non-integers, which are one too high.
+  // The correction is arithmetic, not a branch: its sign follows the audio and would
+  // mispredict on every other sample.
   static int RoundHalfUp(double x) {
     const double y = x + 0.5;
-    int v = static_cast<int>(y);
-    if (static_cast<double>(v) > y) --v;
-    return v;
+    const int v = static_cast<int>(y);
+    return v - static_cast<int>(static_cast<double>(v) > y);
   }
 
  private:
