@@ -6,6 +6,7 @@
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agc_test_access.h"
@@ -160,33 +161,37 @@ TEST(AGCConfigTest, RefusesWhatCannotWork) {
   EXPECT_EQ(ErrorOf("MinLowerLevelSizeMs=100"), "_minUpdateFrames >= _minLowerLevelFrames");
   EXPECT_EQ(ErrorOf("MinUpperLevelSizeMs=100"), "_minUpdateFrames >= _minUpperLevelFrames");
   EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=100;MinUpperLevelSizeMs=100"), "");
-  const std::string range = "Value out of range";
-  EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=-20"), range);
-  EXPECT_EQ(ErrorOf("SpeechWindowSizeMs=-1"), range);
-  EXPECT_EQ(ErrorOf("PauseWindowSizeMs=-40"), range);
-  EXPECT_EQ(ErrorOf("WindowSizeMs=19"), range);
-  EXPECT_EQ(ErrorOf("WindowSizeMs=79"), range);  // fewer levels than a reading passes
-  EXPECT_EQ(ErrorOf("WindowSizeMs=80"), "");
-  EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=20;MinLowerLevelSizeMs=20;MinUpperLevelSizeMs=20;"
-                    "WindowSizeMs=20"),
-            "");
-  EXPECT_EQ(ErrorOf("WindowSizeMs=600000"), "");
-  EXPECT_EQ(ErrorOf("WindowSizeMs=600001"), range);
-  EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=600020"), range);
-  EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=300;MinLowerLevelSizeMs=300;WindowSizeMs=280"), range);
-  EXPECT_EQ(ErrorOf("LeastGain=1.01"), range);
-  EXPECT_EQ(ErrorOf("LeastGain=-0.001"), range);
-  EXPECT_EQ(ErrorOf("LeastGain=1"), "");
-  EXPECT_EQ(ErrorOf("LeastGain=0"), "");
-  EXPECT_EQ(ErrorOf("CutoffFraction=1.01"), range);
-  EXPECT_EQ(ErrorOf("CutoffFraction=-0.1"), range);
-  EXPECT_EQ(ErrorOf("DeltaGain=1"), range);
-  EXPECT_EQ(ErrorOf("DeltaGain=-0.01"), range);
-  EXPECT_EQ(ErrorOf("DeltaGain=0"), "");
-  EXPECT_EQ(ErrorOf("DeltaGain=0.99"), "");
-  EXPECT_EQ(ErrorOf("FastStepSizeUp=1001"), range);
-  EXPECT_EQ(ErrorOf("FastStepSizeDown=2000000000"), range);
-  EXPECT_EQ(ErrorOf("FastStepSizeUp=1000;FastStepSizeDown=0"), "");
+  // Range refusals, each beside the nearest accepted value.
+  const std::vector<std::pair<std::string, bool>> cases = {
+      {"MinUpdateIntervalMs=-20", false},
+      {"SpeechWindowSizeMs=-1", false},
+      {"PauseWindowSizeMs=-40", false},
+      {"WindowSizeMs=19", false},
+      {"WindowSizeMs=79", false},  // fewer levels than a reading must pass
+      {"WindowSizeMs=80", true},
+      {"MinUpdateIntervalMs=20;MinLowerLevelSizeMs=20;MinUpperLevelSizeMs=20;WindowSizeMs=20",
+       true},
+      {"WindowSizeMs=600000", true},
+      {"WindowSizeMs=600001", false},
+      {"MinUpdateIntervalMs=600020", false},
+      {"MinUpdateIntervalMs=300;MinLowerLevelSizeMs=300;WindowSizeMs=280", false},
+      {"LeastGain=1.01", false},
+      {"LeastGain=-0.001", false},
+      {"LeastGain=1", true},
+      {"LeastGain=0", true},
+      {"CutoffFraction=1.01", false},
+      {"CutoffFraction=-0.1", false},
+      {"DeltaGain=1", false},
+      {"DeltaGain=-0.01", false},
+      {"DeltaGain=0", true},
+      {"DeltaGain=0.99", true},
+      {"FastStepSizeUp=1001", false},
+      {"FastStepSizeDown=2000000000", false},
+      {"FastStepSizeUp=1000;FastStepSizeDown=0", true},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ErrorOf(c.first), c.second ? "" : "Value out of range") << c.first;
+  }
 }
 
 // ---- frame measurement ----
