@@ -21,6 +21,10 @@ void AddInputOptions(CLI::App* command, ktcli::InputOptions& input) {
       ->check(CLI::Range(1, 60000));
 }
 
+void AddParamsOption(CLI::App* command, std::string& params, const char* service) {
+  command->add_option("--params", params, std::string(service) + " parameter string \"Key=Value;...\"");
+}
+
 CLI::Option* AddApiOption(CLI::App* command, std::string& api) {
   return command->add_option("--api", api, "Reach the library through the C interface or the classes")
       ->capture_default_str()
@@ -37,7 +41,7 @@ int main(int argc, char** argv) {
   ktcli::VadOptions vad;
   CLI::App* vadCommand = app.add_subcommand("vad", "Print one \"start end\" line in seconds per speech segment");
   AddInputOptions(vadCommand, vad.input);
-  vadCommand->add_option("--params", vad.params, "Analyzer parameter string \"Key=Value;...\"");
+  AddParamsOption(vadCommand, vad.params, "Analyzer");
   AddApiOption(vadCommand, vad.api);
   vadCommand->add_flag("--volume", vad.volume, "Also print every volume reading: time, dBFS, SNR %, verdict");
   vadCommand->add_flag("--frames", vad.frames, "Also print every frame's speech flag");
@@ -46,13 +50,13 @@ int main(int argc, char** argv) {
   ktcli::SplitOptions split;
   CLI::App* splitCommand = app.add_subcommand("split", "Write each speech segment to DIR/0001.wav, ...");
   AddInputOptions(splitCommand, split.input);
-  splitCommand->add_option("--params", split.params, "Analyzer parameter string \"Key=Value;...\"");
+  AddParamsOption(splitCommand, split.params, "Analyzer");
   splitCommand->add_option("-o,--output-dir", split.directory, "Directory for the segment files")->required();
 
   ktcli::AgcOptions agc;
   CLI::App* agcCommand = app.add_subcommand("agc", "Simulate the gain control in a closed loop and print the gain trajectory");
   AddInputOptions(agcCommand, agc.input);
-  agcCommand->add_option("--params", agc.params, "Gain-control parameter string \"Key=Value;...\"");
+  AddParamsOption(agcCommand, agc.params, "Gain-control");
   AddApiOption(agcCommand, agc.api);
   agcCommand->add_option("--start-gain", agc.startGain, "Gain in force for the first block")
       ->capture_default_str()
@@ -67,7 +71,7 @@ int main(int argc, char** argv) {
   ktcli::PlotOptions plot;
   CLI::App* plotCommand = app.add_subcommand("plot", "Draw signal, energies, thresholds, segments and volume (SVG or PNG)");
   AddInputOptions(plotCommand, plot.input);
-  plotCommand->add_option("--params", plot.params, "Analyzer parameter string \"Key=Value;...\"");
+  AddParamsOption(plotCommand, plot.params, "Analyzer");
   plotCommand->add_option("-o,--output", plot.outputs, "Picture to write, .svg or .png; may be repeated")->required();
   plotCommand->add_option("--labels", plot.labelsPath, "Reference regions to draw, one \"start end\" line in seconds each");
   plotCommand->add_flag("--agc", plot.agc, "Add the gain trajectory of a closed-loop gain control run");

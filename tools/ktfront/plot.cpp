@@ -30,35 +30,32 @@ constexpr double kVerdictHighPct = -4.0;
 // 20 log10(32768): the energy of a full-scale signal, the zero of dBFS.
 constexpr double kFullScaleDb = 90.30899869919436;
 
-struct Rgb {
-  double r, g, b;
-};
+// A small palette; each colour keeps one meaning within a panel.
+constexpr Rgb kRed{0.85, 0.12, 0.12};
+constexpr Rgb kOrange{0.95, 0.55, 0.05};
+constexpr Rgb kBlue{0.10, 0.35, 0.85};
+constexpr Rgb kPurple{0.58, 0.20, 0.70};
+constexpr Rgb kTeal{0.05, 0.45, 0.35};
+constexpr Rgb kDark{0.15, 0.15, 0.15};
 constexpr Rgb kSpeechShade{0.84, 0.93, 0.82};
 constexpr Rgb kLabelBar{0.20, 0.50, 0.22};
 constexpr Rgb kWave{0.27, 0.45, 0.70};
 constexpr Rgb kEnergy{0.25, 0.25, 0.25};
-constexpr Rgb kStart{0.85, 0.12, 0.12};
-constexpr Rgb kEnd{0.95, 0.55, 0.05};
-constexpr Rgb kNoise{0.10, 0.35, 0.85};
-constexpr Rgb kSpeech{0.58, 0.20, 0.70};
-constexpr Rgb kVolume{0.05, 0.45, 0.35};
-constexpr Rgb kGain{0.10, 0.10, 0.10};
 constexpr Rgb kGrid{0.88, 0.88, 0.88};
-constexpr Rgb kText{0.15, 0.15, 0.15};
 
 Rgb VerdictColour(const std::string& info) {
-  if (info == "TooNoisy") return {0.95, 0.55, 0.05};
-  if (info == "TooSoft") return {0.10, 0.35, 0.85};
-  if (info == "TooLoud") return {0.85, 0.12, 0.12};
+  if (info == "TooNoisy") return kOrange;
+  if (info == "TooSoft") return kBlue;
+  if (info == "TooLoud") return kRed;
   return {0.72, 0.72, 0.72};
 }
 
 Rgb DecisionColour(const std::string& decision) {
-  if (decision == "toolow") return {0.10, 0.35, 0.85};
-  if (decision == "toohigh") return {0.85, 0.12, 0.12};
-  if (decision == "speech") return {0.05, 0.45, 0.35};
+  if (decision == "toolow") return kBlue;
+  if (decision == "toohigh") return kRed;
+  if (decision == "speech") return kTeal;
   if (decision == "pause") return {0.55, 0.55, 0.55};
-  return {0.58, 0.20, 0.70};  // a single step up during speech
+  return kPurple;  // a single step up during speech
 }
 
 void SetColour(cairo_t* cr, const Rgb& c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
@@ -95,7 +92,7 @@ double Plot::Panel::Y(double value) const {
 }
 
 void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
-  cairo_set_source_rgb(cr, _r, _g, _b);
+  SetColour(cr, _colour);
   if (_style == Box) {
     cairo_rectangle(cr, x, y - 9, 22, 10);
     cairo_fill(cr);
@@ -110,7 +107,7 @@ void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
     cairo_stroke(cr);
     cairo_set_dash(cr, nullptr, 0, 0);
   }
-  SetColour(cr, kText);
+  SetColour(cr, kDark);
   Text(cr, x + 30, y, _text, 0.0);
 }
 
@@ -195,7 +192,7 @@ void Plot::DrawTitle(cairo_t* cr) const {
   std::string title = _recording.GetName() + "   " + std::to_string(_recording.GetRateHz()) + " Hz, " +
                       Number(_recording.GetDurationS(), 2) + " s, " + std::to_string(count) +
                       (count == 1 ? " speech segment" : " speech segments");
-  SetColour(cr, kText);
+  SetColour(cr, kDark);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
   Text(cr, kLeft, 26, title, 0.0, 16.0);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
@@ -215,7 +212,7 @@ void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLab
     cairo_move_to(cr, kLeft, std::round(panel.Y(v)) + 0.5);
     cairo_line_to(cr, right, std::round(panel.Y(v)) + 0.5);
     cairo_stroke(cr);
-    SetColour(cr, kText);
+    SetColour(cr, kDark);
     Text(cr, kLeft - 6, panel.Y(v) + 4, Number(v + 0.0, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
   }
   cairo_save(cr);
@@ -240,7 +237,7 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
       cairo_line_to(cr, x, panel.GetBottom());
     }
     cairo_stroke(cr);
-    SetColour(cr, kText);
+    SetColour(cr, kDark);
     Text(cr, x, bottom + 16, Number(t, step < 1.0 ? 1 : 0), 0.5, 11.0);
   }
   Text(cr, (kLeft + kWidth - kRight) / 2, bottom + 38, "time (s)", 0.5);
@@ -282,15 +279,15 @@ void Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
   cairo_close_path(cr);
   cairo_fill(cr);
 
-  std::vector<LegendEntry> legend{{"waveform", LegendEntry::Box, kWave.r, kWave.g, kWave.b},
-                                  {"detected speech", LegendEntry::Box, kSpeechShade.r, kSpeechShade.g, kSpeechShade.b}};
+  std::vector<LegendEntry> legend{{"waveform", LegendEntry::Box, kWave},
+                                  {"detected speech", LegendEntry::Box, kSpeechShade}};
   if (!_labels.empty()) {
     SetColour(cr, kLabelBar);
     for (const Segment& label : _labels) {
       cairo_rectangle(cr, X(label.GetStartS()), panel.GetTop() + 3, X(label.GetEndS()) - X(label.GetStartS()), 6);
     }
     cairo_fill(cr);
-    legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar.r, kLabelBar.g, kLabelBar.b);
+    legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
   }
   DrawLegend(cr, panel, legend);
 }
@@ -321,15 +318,15 @@ void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kEnergy);
   DrawFrameSeries(cr, panel, _trace.GetEnergiesDb());
   cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kNoise);
+  SetColour(cr, kBlue);
   DrawFrameSeries(cr, panel, _trace.GetNoiseLevelsDb());
-  SetColour(cr, kSpeech);
+  SetColour(cr, kPurple);
   DrawFrameSeries(cr, panel, _trace.GetSpeechLevelsDb());
   const double dashes[] = {7.0, 4.0};
   cairo_set_dash(cr, dashes, 2, 0);
-  SetColour(cr, kStart);
+  SetColour(cr, kRed);
   DrawFrameSeries(cr, panel, _trace.GetStartThresholdsDb());
-  SetColour(cr, kEnd);
+  SetColour(cr, kOrange);
   DrawFrameSeries(cr, panel, _trace.GetEndThresholdsDb());
   cairo_set_dash(cr, nullptr, 0, 0);
 
@@ -337,11 +334,11 @@ void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, {0.5, 0.5, 0.5});
   Text(cr, kLeft + 6, panel.Y(kFullScaleDb) - 4, "0 dBFS", 0.0, 10.0);
   DrawLegend(cr, panel,
-             {{"frame energy", LegendEntry::Line, kEnergy.r, kEnergy.g, kEnergy.b},
-              {"speech-start threshold", LegendEntry::Dashed, kStart.r, kStart.g, kStart.b},
-              {"speech-end threshold", LegendEntry::Dashed, kEnd.r, kEnd.g, kEnd.b},
-              {"speech level", LegendEntry::Line, kSpeech.r, kSpeech.g, kSpeech.b},
-              {"noise level", LegendEntry::Line, kNoise.r, kNoise.g, kNoise.b}});
+             {{"frame energy", LegendEntry::Line, kEnergy},
+              {"speech-start threshold", LegendEntry::Dashed, kRed},
+              {"speech-end threshold", LegendEntry::Dashed, kOrange},
+              {"speech level", LegendEntry::Line, kPurple},
+              {"noise level", LegendEntry::Line, kBlue}});
 }
 
 void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
@@ -363,7 +360,7 @@ void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
   }
   double previousS = 0.0;
   cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kVolume);
+  SetColour(cr, kTeal);
   for (const auto& reading : readings) {
     // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
     const double y = panel.Y(std::max(0.0, (*reading.second)["snrVolumePct"].get<double>()));
@@ -373,20 +370,18 @@ void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
     previousS = reading.first;
   }
   cairo_stroke(cr);
-  const Rgb ok = VerdictColour("OK"), noisy = VerdictColour("TooNoisy"), soft = VerdictColour("TooSoft"),
-            loud = VerdictColour("TooLoud");
   DrawLegend(cr, panel,
-             {{"SNR volume", LegendEntry::Line, kVolume.r, kVolume.g, kVolume.b},
-              {"verdict OK", LegendEntry::Box, ok.r, ok.g, ok.b},
-              {"too noisy", LegendEntry::Box, noisy.r, noisy.g, noisy.b},
-              {"too soft", LegendEntry::Box, soft.r, soft.g, soft.b},
-              {"too loud", LegendEntry::Box, loud.r, loud.g, loud.b}});
+             {{"SNR volume", LegendEntry::Line, kTeal},
+              {"verdict OK", LegendEntry::Box, VerdictColour("OK")},
+              {"too noisy", LegendEntry::Box, VerdictColour("TooNoisy")},
+              {"too soft", LegendEntry::Box, VerdictColour("TooSoft")},
+              {"too loud", LegendEntry::Box, VerdictColour("TooLoud")}});
 }
 
 void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
   double gain = _agc->GetStartGain();
   cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kGain);
+  SetColour(cr, kDark);
   cairo_move_to(cr, X(0.0), panel.Y(gain));
   for (const GainUpdate& update : _agc->GetUpdates()) {
     cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
@@ -405,15 +400,13 @@ void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
     cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);
   }
-  const Rgb low = DecisionColour("toolow"), high = DecisionColour("toohigh"), speech = DecisionColour("speech"),
-            pause = DecisionColour("pause"), step = DecisionColour("nil");
   DrawLegend(cr, panel,
-             {{"gain (closed loop)", LegendEntry::Line, kGain.r, kGain.g, kGain.b},
-              {"too low: jump up", LegendEntry::Box, low.r, low.g, low.b},
-              {"too high: jump down", LegendEntry::Box, high.r, high.g, high.b},
-              {"speech onset", LegendEntry::Box, speech.r, speech.g, speech.b},
-              {"pause", LegendEntry::Box, pause.r, pause.g, pause.b},
-              {"step up in speech", LegendEntry::Box, step.r, step.g, step.b}});
+             {{"gain (closed loop)", LegendEntry::Line, kDark},
+              {"too low: jump up", LegendEntry::Box, DecisionColour("toolow")},
+              {"too high: jump down", LegendEntry::Box, DecisionColour("toohigh")},
+              {"speech onset", LegendEntry::Box, DecisionColour("speech")},
+              {"pause", LegendEntry::Box, DecisionColour("pause")},
+              {"step up in speech", LegendEntry::Box, DecisionColour("nil")}});
 }
 
 }  // namespace ktcli

@@ -11,6 +11,11 @@
 namespace ktcli {
 
 class AgcRun;
+
+struct Rgb {
+  double r, g, b;
+};
+
 class FrameTrace;
 class PendingFile;
 class Recording;
@@ -49,14 +54,14 @@ class Plot {
   class LegendEntry {
    public:
     enum Style { Line, Dashed, Box };
-    LegendEntry(std::string text, Style style, double r, double g, double b)
-        : _text(std::move(text)), _style(style), _r(r), _g(g), _b(b) {}
+    LegendEntry(std::string text, Style style, Rgb colour)
+        : _text(std::move(text)), _style(style), _colour(colour) {}
     void Draw(cairo_t* cr, double x, double y) const;
 
    private:
     std::string _text;
     Style _style;
-    double _r, _g, _b;
+    Rgb _colour;
   };
 
   double X(double timeS) const;
