@@ -18,6 +18,7 @@
 #include "parameters.h"
 #include "plot.h"
 #include "recording.h"
+#include "textformat.h"
 #include "vadrun.h"
 
 namespace ktcli {
@@ -78,31 +79,27 @@ int BlockSamples(const InputOptions& input, int rateHz) {
   return static_cast<int>(samples);
 }
 
-std::string Format(const char* format, double a, double b) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, a, b);
-  return text;
-}
-
 // One line of plain output per record, or nothing for records not asked for.
 std::string PlainLine(const nlohmann::ordered_json& record, const VadOptions& options) {
   const std::string type = record["type"];
   if (type == "segment") {
-    return Format("%.3f %.3f", record["start"].get<double>(), record["end"].get<double>()) +
+    return Fixed(record["start"].get<double>(), 3) + " " + Fixed(record["end"].get<double>(), 3) +
            (record["open"].get<bool>() ? " open" : "");
   }
   if (type == "volume" && options.volume) {
-    const std::string level = record.contains("volumedBFS")
-                                  ? Format("%.1f", record["volumedBFS"].get<double>(), 0)
-                                  : "-";
-    return Format("volume %.3f", record["timeMs"].get<double>() / 1000.0, 0) + " " + level + " " +
-           Format("%.1f", record["snrVolumePct"].get<double>(), 0) + " " +
-           record["info"].get<std::string>();
+    const std::string level = record.contains("volumedBFS") ? Fixed(record["volumedBFS"].get<double>(), 1) : "-";
+    return "volume " + Fixed(record["timeMs"].get<double>() / 1000.0, 3) + " " + level + " " +
+           Fixed(record["snrVolumePct"].get<double>(), 1) + " " + record["info"].get<std::string>();
   }
   if (type == "frame" && options.frames) {
-    return "frame " + std::to_string(record["frameIndex"].get<int>()) + " " +
-           Format("%.3f", record["timeMs"].get<double>() / 1000.0, 0) +
-           (record["isSpeechSegmentFrame"].get<bool>() ? " speech" : " pause");
+    std::string line = "frame " + std::to_string(record["frameIndex"].get<int>()) + " " +
+                       Fixed(record["timeMs"].get<double>() / 1000.0, 3) +
+                       (record["isSpeechSegmentFrame"].get<bool>() ? " speech" : " pause");
+    for (const char* key : {"energyDb", "startThresholdDb", "endThresholdDb", "noiseLevelDb", "speechLevelDb"}) {
+      if (!record.contains(key)) break;
+      line += " " + (record[key].is_null() ? std::string("-") : Fixed(record[key].get<double>(), 1));
+    }
+    return line;
   }
   return "";
 }
@@ -132,10 +129,13 @@ int RunVad(const VadOptions& options) {
   if (!throughC) CheckAnalyzerParams(options.params);
   const Recording recording = Recording::Load(options.input.path, options.input.rawRateHz);
   const int blockSamples = BlockSamples(options.input, recording.GetRateHz());
-  const VadRun run =
+  VadRun run =
       throughC ? VadRun::ThroughCInterface(recording.GetSamples(), recording.GetRateHz(), blockSamples)
                : VadRun::ThroughClasses(recording.GetSamples(), recording.GetRateHz(),
                                         options.params, blockSamples);
+  if (!throughC && (options.frames || options.json)) {
+    run.AddFrameTrace(FrameTrace(recording.GetSamples(), recording.GetRateHz(), options.params));
+  }
   std::string out;
   for (const nlohmann::ordered_json& record : run.GetRecords()) {
     const std::string line = options.json ? record.dump() : PlainLine(record, options);
@@ -171,7 +171,7 @@ int RunSplit(const SplitOptions& options) {
     files.emplace_back(options.directory + name);
     WriteWav(files.back(), source.data() + first * channels, last - first,
              recording.GetSourceRateHz(), channels);
-    out += files.back().GetPath() + Format(" %.3f %.3f", segment.GetStartS(), segment.GetEndS()) + "\n";
+    out += files.back().GetPath() + " " + Fixed(segment.GetStartS(), 3) + " " + Fixed(segment.GetEndS(), 3) + "\n";
   }
   for (PendingFile& file : files) file.Commit();
   ReportRate(recording);
@@ -211,7 +211,7 @@ int RunAgc(const AgcOptions& options) {
     if (options.json) {
       out += update.ToJson().dump() + "\n";
     } else {
-      out += Format("%.3f %.6f ", update.GetTimeS(), update.GetGain());
+      out += Fixed(update.GetTimeS(), 3) + " " + Fixed(update.GetGain(), 6) + " ";
       out += throughC ? std::to_string(update.ToJson()["volume"].get<long>()) + "/" +
                             std::to_string(options.bound)
                       : update.GetDecision();

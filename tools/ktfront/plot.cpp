@@ -10,6 +10,7 @@
 #include "frametrace.h"
 #include "outputfile.h"
 #include "recording.h"
+#include "textformat.h"
 
 namespace ktcli {
 namespace {
@@ -76,12 +77,6 @@ void Text(cairo_t* cr, double x, double y, const std::string& text, double align
   cairo_text_extents(cr, text.c_str(), &extents);
   cairo_move_to(cr, x - alignX * extents.x_advance, y);
   cairo_show_text(cr, text.c_str());
-}
-
-std::string Number(double value, int decimals) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.*f", decimals, value);
-  return text;
 }
 
 }  // namespace
@@ -190,14 +185,14 @@ void Plot::Draw(cairo_t* cr) const {
 void Plot::DrawTitle(cairo_t* cr) const {
   const size_t count = _vad.GetSegments().size();
   std::string title = _recording.GetName() + "   " + std::to_string(_recording.GetRateHz()) + " Hz, " +
-                      Number(_recording.GetDurationS(), 2) + " s, " + std::to_string(count) +
+                      Fixed(_recording.GetDurationS(), 2) + " s, " + std::to_string(count) +
                       (count == 1 ? " speech segment" : " speech segments");
   SetColour(cr, kDark);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
   Text(cr, kLeft, 26, title, 0.0, 16.0);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
   std::string subtitle = "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params);
-  if (_agc) subtitle += "      gain control from gain " + Number(_agc->GetStartGain(), 2);
+  if (_agc) subtitle += "      gain control from gain " + Fixed(_agc->GetStartGain(), 2);
   Text(cr, kLeft, 46, subtitle, 0.0);
 }
 
@@ -213,7 +208,7 @@ void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLab
     cairo_line_to(cr, right, std::round(panel.Y(v)) + 0.5);
     cairo_stroke(cr);
     SetColour(cr, kDark);
-    Text(cr, kLeft - 6, panel.Y(v) + 4, Number(v + 0.0, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
+    Text(cr, kLeft - 6, panel.Y(v) + 4, Fixed(v + 0.0, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
   }
   cairo_save(cr);
   cairo_translate(cr, 22, (panel.GetTop() + panel.GetBottom()) / 2);
@@ -238,7 +233,7 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
     }
     cairo_stroke(cr);
     SetColour(cr, kDark);
-    Text(cr, x, bottom + 16, Number(t, step < 1.0 ? 1 : 0), 0.5, 11.0);
+    Text(cr, x, bottom + 16, Fixed(t, step < 1.0 ? 1 : 0), 0.5, 11.0);
   }
   Text(cr, (kLeft + kWidth - kRight) / 2, bottom + 38, "time (s)", 0.5);
 }

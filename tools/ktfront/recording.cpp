@@ -2,9 +2,12 @@
 
 #include <samplerate.h>
 #include <sndfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -17,7 +20,7 @@ constexpr int kSupportedRatesHz[] = {16000, 11025, 8000};
 using SndFilePtr = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
 short ToSample(double fullScaleOne) {
-  const double v = std::lround(fullScaleOne * 32768.0);
+  const double v = std::round(fullScaleOne * 32768.0);
   return static_cast<short>(v > 32767.0 ? 32767.0 : (v < -32768.0 ? -32768.0 : v));
 }
 
@@ -39,6 +42,12 @@ int Recording::AnalysisRateFor(int rateHz) {
 }
 
 Recording Recording::Load(const std::string& path, int rawRateHz) {
+  // The system's own words for a missing, unreadable or wrong kind of file.
+  struct stat status {};
+  if (path != "-" && stat(path.c_str(), &status) != 0) {
+    throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+  }
+  if (path != "-" && S_ISDIR(status.st_mode)) throw std::runtime_error("cannot read " + path + ": it is a directory");
   SF_INFO info{};
   if (rawRateHz > 0) {
     info.samplerate = rawRateHz;

@@ -3,10 +3,12 @@
 #include <KTRVAD.h>
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <utility>
 
 #include "audioanalyzer.h"
+#include "frametrace.h"
 
 namespace ktcli {
 namespace {
@@ -51,6 +53,21 @@ void VadRun::CloseOpenSegment(double endS) {
   _segments.emplace_back(*_openStartS, endS, true);
   Add({{"type", "segment"}, {"start", *_openStartS}, {"end", endS}, {"open", true}});
   _openStartS.reset();
+}
+
+void VadRun::AddFrameTrace(const FrameTrace& trace) {
+  // NaN, a level not learnt yet, becomes null.
+  auto value = [](double db) { return std::isnan(db) ? nlohmann::ordered_json() : nlohmann::ordered_json(db); };
+  for (nlohmann::ordered_json& record : _records) {
+    if (record["type"] != "frame") continue;
+    const size_t i = record["frameIndex"].get<size_t>();
+    if (i >= trace.GetNumFrames()) continue;  // the flushed partial frame
+    record["energyDb"] = trace.GetEnergiesDb()[i];
+    record["startThresholdDb"] = trace.GetStartThresholdsDb()[i];
+    record["endThresholdDb"] = trace.GetEndThresholdsDb()[i];
+    record["noiseLevelDb"] = value(trace.GetNoiseLevelsDb()[i]);
+    record["speechLevelDb"] = value(trace.GetSpeechLevelsDb()[i]);
+  }
 }
 
 VadRun VadRun::ThroughClasses(const kt::AudioData& samples, int rateHz, const std::string& params,

@@ -10,6 +10,8 @@
 
 namespace ktcli {
 
+class FrameTrace;
+
 class Segment {
  public:
   Segment(double startS, double endS, bool open) : _startS(startS), _endS(endS), _open(open) {}
@@ -32,6 +34,9 @@ class VadRun {
   // KTRVAD_* with its defaults; every pending result is fetched after each block. Times
   // are when the host hears of a result: the end of the block whose call reported it.
   static VadRun ThroughCInterface(const kt::AudioData& samples, int rateHz, int blockSamples);
+
+  // Adds to every whole frame's record the energy, thresholds and levels it was decided by.
+  void AddFrameTrace(const FrameTrace& trace);
 
   // Records of type "stream", "event", "volume", "frame" and "segment".
   const std::vector<nlohmann::ordered_json>& GetRecords() const { return _records; }

@@ -277,6 +277,55 @@ TEST(VadCommand, CInterfaceMatchesClassesOnTheStreamItHandsOver) {
   }
 }
 
+// The energies and thresholds that the tool replays for its frames and plot must explain
+// every decision the analyzer took: a start when 3 of the last 10 frames reach the start
+// threshold (and not one frame earlier), an end when 21 smoothed energies in a row stay
+// below the end threshold. The samples' pauses are long enough for steady-state timing.
+TEST(VadCommand, FrameTraceExplainsTheAnalyzersDecisions) {
+  for (const std::string& name : kSamples) {
+    const Result result = RunCli("vad --json " + SamplePath(name));
+    ASSERT_EQ(result.GetStatus(), 0);
+    std::vector<double> energy, start, end, starts, ends;
+    double frameMs = 0.0;
+    std::istringstream lines(result.GetOut());
+    std::string line;
+    while (std::getline(lines, line)) {
+      const nlohmann::json record = nlohmann::json::parse(line);
+      if (record.at("type") == "stream") {
+        const int rate = record.at("rateHz");
+        frameMs = 1000.0 * (rate / 50) / rate;
+      } else if (record.at("type") == "frame" && record.contains("energyDb")) {
+        energy.push_back(record.at("energyDb"));
+        start.push_back(record.at("startThresholdDb"));
+        end.push_back(record.at("endThresholdDb"));
+      } else if (record.at("type") == "event" && record.at("tag") == "SpeechStart") {
+        starts.push_back(record.at("timeMs").get<double>() / frameMs);
+      } else if (record.at("type") == "event" && record.at("tag") == "SpeechEnd") {
+        ends.push_back(record.at("timeMs").get<double>() / frameMs);
+      }
+    }
+    auto loud = [&](long r, double threshold) {
+      int n = 0;
+      for (long i = std::max(0L, r - 9); i <= r; ++i) n += energy[i] >= threshold;
+      return n;
+    };
+    auto quiet = [&](long i) { return (energy[i - 1] + energy[i]) / 2 < end[i]; };
+    ASSERT_EQ(starts.size(), ReadLabels(name).size());
+    for (size_t k = 0; k < starts.size(); ++k) {
+      const long r = std::lround(starts[k]) + 9;  // the frame that completed the window
+      EXPECT_GE(loud(r, start[r]), 3) << name << " start " << k;
+      EXPECT_LT(loud(r - 1, start[r - 1]), 3) << name << " start " << k;
+      if (k >= ends.size()) continue;
+      const long e = std::lround(ends[k]) + 7;  // the frame that completed the time-out
+      if (e >= static_cast<long>(energy.size())) continue;  // closed by the flush
+      for (long i = e - 20; i <= e; ++i) EXPECT_TRUE(quiet(i)) << name << " end " << k << " frame " << i;
+      if (e - 21 > r) {
+        EXPECT_FALSE(quiet(e - 21)) << name << " end " << k;
+      }
+    }
+  }
+}
+
 TEST(VadCommand, SpeechStillOpenAtTheEndThroughTheCInterface) {
   // Cut the recording inside the last sentence: the C interface never ends it.
   TempDir dir;
