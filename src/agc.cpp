@@ -193,13 +193,17 @@ float AGC::ComputeGainRandom(const AudioData& /*a*/, float currentGain) const {
 }
 
 float AGC::ComputePower(AudioData::const_iterator first, AudioData::const_iterator last) {
-  if (first == last) return 0.0f;
   int64_t sumOfSquares = 0;  // exact: each square fits 31 bits
   for (AudioData::const_iterator it = first; it != last; ++it) {
     const int32_t s = *it;
     sumOfSquares += s * s;
   }
-  const double m = static_cast<double>(sumOfSquares) / static_cast<double>(last - first);
+  return Power(sumOfSquares, static_cast<size_t>(last - first));
+}
+
+float AGC::Power(int64_t sumOfSquares, size_t numSamples) {
+  if (numSamples == 0) return 0.0f;
+  const double m = static_cast<double>(sumOfSquares) / static_cast<double>(numSamples);
   if (!(m > 1.0)) return 0.0f;
   return 10.0f * log10f(static_cast<float>(m));
 }
@@ -207,17 +211,17 @@ float AGC::ComputePower(AudioData::const_iterator first, AudioData::const_iterat
 float AGC::ComputeClippingFraction(AudioData::const_iterator first,
                                    AudioData::const_iterator last) {
   if (first == last) return 0.0f;
-  int64_t clipped = 0;
+  size_t clipped = 0;  // counted without a branch, so that the loop vectorises
   for (AudioData::const_iterator it = first; it != last; ++it) {
-    if (*it == 32767 || *it == -32768) ++clipped;
+    clipped += (*it == 32767) | (*it == -32768);
   }
   // One rounding of the quotient to float, also for blocks beyond 2^24 samples.
   return static_cast<float>(static_cast<double>(clipped) / static_cast<double>(last - first));
 }
 
 void AGC::Process(AudioData& frame) {
-  _f.Filter(frame.begin(), frame.end());
-  _h.Update(ComputePower(frame.cbegin(), frame.cend()));
+  // The filter sums the squares as it goes: ComputePower of the filtered frame.
+  _h.Update(Power(_f.FilterSumOfSquares(frame.begin(), frame.end()), frame.size()));
 }
 
 float AGC::GetThreshold(float a, float b, float offset) const {

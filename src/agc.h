@@ -126,6 +126,8 @@ class AGC {
   friend class AGCTestAccess;
 
   void Process(AudioData& frame);
+  // 10 log10 of the mean square in single precision, 0 when it is at most 1 or empty.
+  static float Power(int64_t sumOfSquares, size_t numSamples);
   bool DetectSpeech(float a, float b) const;
   bool DetectPause(float a, float b) const;
   float GetThreshold(float a, float b, float offset) const;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstdlib>
 #include <stdexcept>
 
 #include "check.h"
@@ -132,8 +131,10 @@ void AudioAnalyzer::ProcessFrame(AudioData& frame) {
   if (_supplyFrameData) {
     _audioFrames[static_cast<size_t>(_writeIndex % kRingSize)].assign(frame.begin(), frame.end());
   }
-  _highpassFilter.Filter(frame.begin(), frame.end());
-  AnalyzeEnergy(ComputeEnergy(frame.cbegin(), frame.cend()));
+  // The filter measures as it goes: the same energy as ComputeEnergy over the filtered
+  // frame, whose double sum of squares is exact below 2^23 samples.
+  const int64_t sumOfSquares = _highpassFilter.FilterSumOfSquares(frame.begin(), frame.end());
+  AnalyzeEnergy(Energy(static_cast<double>(sumOfSquares), frame.size()));
 }
 
 void AudioAnalyzer::AnalyzeEnergy(double energy) {
@@ -201,13 +202,17 @@ bool AudioAnalyzer::GetResult(AnalyzerResultPtr& result) {
 
 double AudioAnalyzer::ComputeEnergy(AudioData::const_iterator first,
                                     AudioData::const_iterator last) const {
-  if (first == last) return 0.0;
   double sum = 0.0;
   for (AudioData::const_iterator it = first; it != last; ++it) {
     const double sample = *it;
     sum += sample * sample;
   }
-  const double meanSquare = sum / static_cast<double>(last - first);
+  return Energy(sum, static_cast<size_t>(last - first));
+}
+
+double AudioAnalyzer::Energy(double sumOfSquares, size_t numSamples) {
+  if (numSamples == 0) return 0.0;
+  const double meanSquare = sumOfSquares / static_cast<double>(numSamples);
   return meanSquare > 1.0 ? 10.0 * std::log10(meanSquare) : 0.0;
 }
 
@@ -269,11 +274,15 @@ double AudioAnalyzer::GetdBFS(double val) const {
 void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first,
                                               AudioData::const_iterator last) {
   if (first == last) return;
-  int maxVal = 0;  // int, so that -32768 counts as 32768
+  // The largest magnitude from the extremes, as an int so that -32768 counts as 32768:
+  // a 16-bit max and min vectorise, the magnitude of each sample would not.
+  int16_t highest = 0;
+  int16_t lowest = 0;
   for (AudioData::const_iterator it = first; it != last; ++it) {
-    const int magnitude = std::abs(static_cast<int>(*it));
-    if (magnitude > maxVal) maxVal = magnitude;
+    highest = std::max(highest, *it);
+    lowest = std::min(lowest, *it);
   }
+  const int maxVal = std::max<int>(highest, -static_cast<int>(lowest));
   const int numSamples = static_cast<int>(last - first);
   KT_ASSERT(!(numSamples % _samplesPerFrame));
   double volumedBFS = GetdBFS(static_cast<double>(maxVal));

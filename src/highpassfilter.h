@@ -28,8 +28,15 @@ class HighpassFilter {
 
   // In place. The state follows the unclipped output; only the stored sample is clipped.
   void Filter(AudioData::iterator begin, AudioData::iterator end) {
+    FilterSumOfSquares(begin, end);
+  }
+
+  // Filter, returning the sum of the squares of the stored samples, so that measuring a
+  // frame needs no second pass. Exact: each square is at most 2^30.
+  int64_t FilterSumOfSquares(AudioData::iterator begin, AudioData::iterator end) {
     double z1 = _z1;
     double z2 = _z2;
+    int64_t sumOfSquares = 0;
     for (AudioData::iterator it = begin; it != end; ++it) {
       const double sampleIn = *it;
       const double sampleOut = _b1 * sampleIn + z1;
@@ -41,10 +48,13 @@ class HighpassFilter {
       } else if (clipped < -32768.0) {
         clipped = -32768.0;
       }
-      *it = static_cast<int16_t>(RoundHalfUp(clipped));
+      const int v = RoundHalfUp(clipped);
+      *it = static_cast<int16_t>(v);
+      sumOfSquares += v * v;
     }
     _z1 = z1;
     _z2 = z2;
+    return sumOfSquares;
   }
 
   // floor(x + 0.5) for |x| <= 32768.5, without a call into the C library: truncation
