@@ -112,11 +112,11 @@ class Audio {
     sf_close(file);
     return Audio(std::move(samples), info.samplerate, info.channels);
   }
-  void Write(const std::string& path) const {
+  void Write(const std::string& path, int format = SF_FORMAT_WAV | SF_FORMAT_PCM_16) const {
     SF_INFO info{};
     info.samplerate = _rateHz;
     info.channels = _channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    info.format = format;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_NE(file, nullptr) << path;
     sf_writef_short(file, _samples.data(), static_cast<sf_count_t>(_samples.size() / _channels));
@@ -357,9 +357,16 @@ TEST(VadCommand, ParametersChangeTheDecisions) {
             std::string::npos);
 }
 
-TEST(VadCommand, ReadsRawAudioFromStandardInput) {
+TEST(VadCommand, ReadsOtherFormatsAndRawStandardInput) {
   TempDir dir;
   const Audio audio = Audio::Read(SamplePath("message_8000"));
+  audio.Write(dir / "message.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+  audio.Write(dir / "message.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16);
+  const std::string expected = RunCli("vad " + SamplePath("message_8000")).GetOut();
+  ASSERT_FALSE(expected.empty());
+  EXPECT_EQ(RunCli("vad " + (dir / "message.flac")).GetOut(), expected);
+  EXPECT_EQ(RunCli("vad " + (dir / "message.aiff")).GetOut(), expected);
+
   std::ofstream raw(dir / "message.raw", std::ios::binary);
   for (const short s : audio.GetSamples()) {
     raw.put(static_cast<char>(s & 0xff)).put(static_cast<char>((s >> 8) & 0xff));
@@ -367,7 +374,7 @@ TEST(VadCommand, ReadsRawAudioFromStandardInput) {
   raw.close();
   const Result fromStdin = RunCli("vad --rate 8000 -", dir / "message.raw");
   ASSERT_EQ(fromStdin.GetStatus(), 0) << fromStdin.GetErr();
-  EXPECT_EQ(fromStdin.GetOut(), RunCli("vad " + SamplePath("message_8000")).GetOut());
+  EXPECT_EQ(fromStdin.GetOut(), expected);
   EXPECT_NE(fromStdin.GetErr().find("standard input: 8000 Hz"), std::string::npos);
 }
 
