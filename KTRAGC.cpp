@@ -1,17 +1,25 @@
 #include "KTRAGC.h"
 
 #include <climits>
-#include <cstring>
 #include <exception>
 
 #include "agc.h"
+#include "hostblock.h"
 
 kt::AGC* g_pAgc = nullptr;
+
+namespace {
+
+// The host's block for the gain control, reused from call to call; freed with it.
+kt::AudioData g_audioData;
+
+}  // namespace
 
 int KTRAGC_Init(const int iSamplingRate_p) {
   try {
     delete g_pAgc;
     g_pAgc = nullptr;
+    kt::ReleaseHostBlock(g_audioData);
     g_pAgc = new kt::AGC("", iSamplingRate_p);
     return g_pAgc ? 0 : -1;
   } catch (const std::exception&) {
@@ -45,9 +53,8 @@ int KTRAGC_ComputeGain(const void* pvData_p, const unsigned int uiDataSize_p,
   *plCurrentGain_p = 0;
   try {
     // One sample more than the block holds; an odd last byte becomes a low byte.
-    kt::AudioData audioData(uiDataSize_p / 2 + 1, 0);
-    if (uiDataSize_p) std::memcpy(audioData.data(), pvData_p, uiDataSize_p);
-    const float fNewGain = g_pAgc->ComputeGain(audioData, fCurrentGain);
+    kt::CopyHostBlock(g_audioData, pvData_p, uiDataSize_p);
+    const float fNewGain = g_pAgc->ComputeGain(g_audioData, fCurrentGain);
     if (fNewGain == fCurrentGain) {
       *plCurrentGain_p = lInVolume_p;  // an unchanged gain keeps the host's own value
     } else {
@@ -68,6 +75,7 @@ int KTRAGC_Deinit(void) {
   try {
     delete g_pAgc;
     g_pAgc = nullptr;
+    kt::ReleaseHostBlock(g_audioData);
     return 0;
   } catch (const std::exception&) {
     return -2;

@@ -1,16 +1,24 @@
 #include "KTRVAD.h"
 
-#include <cstring>
 #include <exception>
 
 #include "audioanalyzer.h"
+#include "hostblock.h"
 
 kt::AudioAnalyzer* g_pAudioAnalyzer = nullptr;
+
+namespace {
+
+// The host's block for the analyzer, reused from call to call; freed with the analyzer.
+kt::AudioData g_audioData;
+
+}  // namespace
 
 int KTRVAD_Init(const double dSamplingRate_p) {
   try {
     delete g_pAudioAnalyzer;
     g_pAudioAnalyzer = nullptr;
+    kt::ReleaseHostBlock(g_audioData);
     g_pAudioAnalyzer = new kt::AudioAnalyzer("", dSamplingRate_p, true);
     return g_pAudioAnalyzer ? 0 : -1;
   } catch (const std::exception&) {
@@ -31,9 +39,8 @@ int KTRVAD_GetResult(const int iStart_p, const void* pvData_p, const unsigned in
       *pdVolumePcnt_p = 0.0;
       *piVolumeInfo_p = 0;
       // One sample more than the block holds; an odd last byte becomes a low byte.
-      kt::AudioData audioData(uiDataSize_p / 2 + 1, 0);
-      if (uiDataSize_p) std::memcpy(audioData.data(), pvData_p, uiDataSize_p);
-      g_pAudioAnalyzer->Process(audioData);
+      kt::CopyHostBlock(g_audioData, pvData_p, uiDataSize_p);
+      g_pAudioAnalyzer->Process(g_audioData);
     }
     // Frame results and the VOR markers are dropped on the way to a reportable one.
     kt::AnalyzerResultPtr result;
@@ -71,6 +78,7 @@ int KTRVAD_Deinit(void) {
   try {
     delete g_pAudioAnalyzer;
     g_pAudioAnalyzer = nullptr;
+    kt::ReleaseHostBlock(g_audioData);
     return 0;
   } catch (const std::exception&) {
     return -2;

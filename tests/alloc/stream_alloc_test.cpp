@@ -107,10 +107,10 @@ void ExpectBounded(const Trace& trace, long long bound) {
   EXPECT_LE(MaxOf(trace.allocations, warm, n), bound);
   EXPECT_LE(MaxOf(trace.allocations, n / 2, n), MaxOf(trace.allocations, 0, n / 2));
   EXPECT_LE(MaxOf(trace.live, n / 2, n), MaxOf(trace.live, 0, n / 2));
-  // The counter sees the services at all: every block is copied at least.
+  // The counter sees the services at all.
   long long total = 0;
   for (long long a : trace.allocations) total += a;
-  EXPECT_GE(total, static_cast<long long>(n));
+  EXPECT_GT(total, 0);
 }
 
 TEST(StreamAllocTest, AnalyzerHeapStaysBoundedWhilePolling) {
@@ -159,7 +159,7 @@ TEST(StreamAllocTest, GainControlHeapStaysBounded) {
       ASSERT_EQ(KTRAGC_ComputeGain(recorded.data(), bytes, volume, 255, &volume), 0);
       changes += volume != before;
     });
-    ExpectBounded(trace, 2);  // the block's copy, and at most one growth of the buffer
+    ExpectBounded(trace, 0);  // its buffers, once grown, serve every later block
     EXPECT_GT(changes, 1);
     KTRAGC_Deinit();
   }
