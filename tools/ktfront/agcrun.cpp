@@ -60,24 +60,27 @@ AgcRun AgcRun::ThroughClasses(const kt::AudioData& samples, int rateHz, const st
   auto log = std::make_shared<std::ostringstream>();
   agc.SetLogStream(log);
   float gain = startGain;
-  size_t logged = 0;
+  std::string pending;  // log text taken from the stream and not yet parsed
   for (size_t begin = 0; begin < samples.size(); begin += blockSamples) {
     const size_t end = std::min(samples.size(), begin + blockSamples);
     const float newGain = agc.ComputeGain(run.Scale(samples, begin, end, gain), gain);
     const double timeS = static_cast<double>(end) / rateHz;
-    const std::string text = log->str();
-    const std::string::size_type lineEnd = text.find('\n', logged);
+    // Emptied after every block, so a long recording is not copied over and over.
+    pending += log->str();
+    log->str("");
+    const std::string::size_type lineEnd = pending.find('\n');
     if (lineEnd != std::string::npos) {
       nlohmann::ordered_json detail;
-      const std::string word = ParseLogLine(text.substr(logged, lineEnd - logged), detail);
+      const std::string word = ParseLogLine(pending.substr(0, lineEnd), detail);
       run._updates.emplace_back(timeS, newGain, word, detail);
-      logged = lineEnd + 1;
+      run._log.append(pending, 0, lineEnd + 1);
+      pending.erase(0, lineEnd + 1);
     } else if (newGain != gain) {
       run._updates.emplace_back(timeS, newGain, "median", nlohmann::ordered_json::object());
     }
     gain = newGain;
   }
-  run._log = log->str();
+  run._log += pending;
   return run;
 }
 

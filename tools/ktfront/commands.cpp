@@ -226,6 +226,9 @@ int RunAgc(const AgcOptions& options) {
 int RunPlot(const PlotOptions& options) {
   CheckAnalyzerParams(options.params);
   if (options.agc) CheckAgcParams(options.agcParams);
+  if (options.toS != 0.0 && options.toS <= options.fromS) {
+    throw UsageError("--to " + Fixed(options.toS, 3) + " is not after --from " + Fixed(options.fromS, 3));
+  }
   for (const std::string& path : options.outputs) {
     if (!Plot::IsSupportedFormat(path)) throw UsageError("cannot draw " + path + ": the picture must be .svg or .png");
   }
@@ -243,7 +246,7 @@ int RunPlot(const PlotOptions& options) {
                                                           options.agcParams, blockSamples,
                                                           options.startGain));
   }
-  const Plot plot(recording, trace, run, agc.get(), labels, options.params);
+  const Plot plot(recording, trace, run, agc.get(), labels, options.params, options.fromS, options.toS);
   for (const PendingFile& file : files) plot.Render(file);
   for (PendingFile& file : files) file.Commit();
   ReportRate(recording);

@@ -53,6 +53,8 @@ struct PlotOptions {
   bool agc = false;
   std::string agcParams;
   float startGain = 0.5f;
+  double fromS = 0.0;
+  double toS = 0.0;
 };
 
 int RunVad(const VadOptions& options);

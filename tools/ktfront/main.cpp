@@ -76,6 +76,9 @@ int main(int argc, char** argv) {
   plotCommand->add_option("--labels", plot.labelsPath, "Reference regions to draw, one \"start end\" line in seconds each");
   plotCommand->add_flag("--agc", plot.agc, "Add the gain trajectory of a closed-loop gain control run");
   plotCommand->add_option("--agc-params", plot.agcParams, "Gain-control parameter string for --agc");
+  plotCommand->add_option("--from", plot.fromS, "Show the recording from this time (s)")->check(CLI::NonNegativeNumber);
+  plotCommand->add_option("--to", plot.toS, "Show the recording up to this time (s); default its end")
+      ->check(CLI::PositiveNumber);
   plotCommand->add_option("--start-gain", plot.startGain, "Start gain for --agc")
       ->capture_default_str()
       ->check(CLI::Range(0.0, 1.0));

@@ -107,14 +107,15 @@ void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
 }
 
 Plot::Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
-           std::vector<Segment> labels, std::string params)
+           std::vector<Segment> labels, std::string params, double fromS, double toS)
     : _recording(recording),
       _trace(trace),
       _vad(vad),
       _agc(agc),
       _labels(std::move(labels)),
       _params(std::move(params)),
-      _durationS(std::max(recording.GetDurationS(), 1e-3)) {}
+      _fromS(toS > fromS ? fromS : 0.0),
+      _toS(toS > fromS ? toS : std::max(recording.GetDurationS(), 1e-3)) {}
 
 bool Plot::IsSupportedFormat(const std::string& path) {
   auto endsWith = [&path](const std::string& suffix) {
@@ -123,7 +124,9 @@ bool Plot::IsSupportedFormat(const std::string& path) {
   return endsWith(".svg") || endsWith(".png");
 }
 
-double Plot::X(double timeS) const { return kLeft + timeS / _durationS * (kWidth - kLeft - kRight); }
+double Plot::X(double timeS) const {
+  return kLeft + (timeS - _fromS) / (_toS - _fromS) * (kWidth - kLeft - kRight);
+}
 
 double Plot::GetHeight() const {
   return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
@@ -176,10 +179,20 @@ void Plot::Draw(cairo_t* cr) const {
   DrawFrame(cr, panels[2], "SNR volume (%)", 25.0);
   if (_agc) DrawFrame(cr, panels[3], "gain", 0.25);
   DrawTimeAxis(cr, panels);
-  DrawWaveform(cr, panels[0]);
-  DrawEnergy(cr, panels[1]);
-  DrawVolume(cr, panels[2]);
-  if (_agc) DrawGain(cr, panels[3]);
+  DrawPanel(cr, panels[0], &Plot::DrawWaveform);
+  DrawPanel(cr, panels[1], &Plot::DrawEnergy);
+  DrawPanel(cr, panels[2], &Plot::DrawVolume);
+  if (_agc) DrawPanel(cr, panels[3], &Plot::DrawGain);
+}
+
+void Plot::DrawPanel(cairo_t* cr, const Panel& panel,
+                     std::vector<LegendEntry> (Plot::*draw)(cairo_t*, const Panel&) const) const {
+  cairo_save(cr);
+  cairo_rectangle(cr, kLeft, panel.GetTop(), kWidth - kRight - kLeft, panel.GetBottom() - panel.GetTop());
+  cairo_clip(cr);
+  const std::vector<LegendEntry> legend = (this->*draw)(cr, panel);
+  cairo_restore(cr);
+  DrawLegend(cr, panel, legend);
 }
 
 void Plot::DrawTitle(cairo_t* cr) const {
@@ -193,13 +206,20 @@ void Plot::DrawTitle(cairo_t* cr) const {
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
   std::string subtitle = "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params);
   if (_agc) subtitle += "      gain control from gain " + Fixed(_agc->GetStartGain(), 2);
+  if (_fromS > 0.0 || _toS < _recording.GetDurationS()) {
+    subtitle += "      showing " + Fixed(_fromS, 2) + " to " + Fixed(_toS, 2) + " s";
+  }
   Text(cr, kLeft, 46, subtitle, 0.0);
 }
 
 void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLabel,
                      double tickStep) const {
   const double right = kWidth - kRight;
+  cairo_save(cr);
+  cairo_rectangle(cr, kLeft, panel.GetTop(), right - kLeft, panel.GetBottom() - panel.GetTop());
+  cairo_clip(cr);
   ShadeSegments(cr, panel);
+  cairo_restore(cr);
   cairo_set_line_width(cr, 1.0);
   for (double v = std::ceil(panel.GetLow() / tickStep) * tickStep; v <= panel.GetHigh() + 1e-9;
        v += tickStep) {
@@ -221,10 +241,10 @@ void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLab
 }
 
 void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
-  const double step = NiceStep(_durationS, 12.0);
+  const double step = NiceStep(_toS - _fromS, 12.0);
   const double bottom = panels.back().GetBottom();
   cairo_set_line_width(cr, 1.0);
-  for (double t = 0.0; t <= _durationS + 1e-9; t += step) {
+  for (double t = std::ceil(_fromS / step) * step; t <= _toS + 1e-9; t += step) {
     const double x = std::round(X(t)) + 0.5;
     SetColour(cr, {0.80, 0.80, 0.80});
     for (const Panel& panel : panels) {
@@ -233,7 +253,7 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
     }
     cairo_stroke(cr);
     SetColour(cr, kDark);
-    Text(cr, x, bottom + 16, Fixed(t, step < 1.0 ? 1 : 0), 0.5, 11.0);
+    Text(cr, x, bottom + 16, Fixed(t, step < 0.1 ? 2 : (step < 1.0 ? 1 : 0)), 0.5, 11.0);
   }
   Text(cr, (kLeft + kWidth - kRight) / 2, bottom + 38, "time (s)", 0.5);
 }
@@ -255,17 +275,20 @@ void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendE
   }
 }
 
-void Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
+std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
   // Per pixel column, the smallest and largest sample: the envelope.
   const kt::AudioData& samples = _recording.GetSamples();
   const int columns = static_cast<int>(kWidth - kLeft - kRight);
+  const double rate = _recording.GetRateHz();
   std::vector<double> highs, lows;
   for (int c = 0; c < columns; ++c) {
-    const size_t first = samples.size() * c / columns;
-    const size_t last = std::max(first + 1, samples.size() * (c + 1) / columns);
-    const auto range = std::minmax_element(samples.begin() + first, samples.begin() + std::min(last, samples.size()));
-    highs.push_back(*range.second / 32768.0);
-    lows.push_back(*range.first / 32768.0);
+    const double fromS = _fromS + (_toS - _fromS) * c / columns;
+    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns;
+    const size_t first = std::min(samples.size(), static_cast<size_t>(fromS * rate));
+    const size_t last = std::min(samples.size(), std::max(first + 1, static_cast<size_t>(toS * rate)));
+    const auto range = std::minmax_element(samples.begin() + first, samples.begin() + last);
+    highs.push_back(first < last ? *range.second / 32768.0 : 0.0);
+    lows.push_back(first < last ? *range.first / 32768.0 : 0.0);
   }
   SetColour(cr, kWave);
   cairo_move_to(cr, kLeft, panel.Y(highs[0]));
@@ -284,7 +307,7 @@ void Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
     cairo_fill(cr);
     legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
   }
-  DrawLegend(cr, panel, legend);
+  return legend;
 }
 
 void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const {
@@ -307,7 +330,7 @@ void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<do
   cairo_stroke(cr);
 }
 
-void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
+std::vector<Plot::LegendEntry> Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
   cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
   cairo_set_line_width(cr, 1.0);
   SetColour(cr, kEnergy);
@@ -328,15 +351,14 @@ void Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
   // Full scale, so that the energy scale reads against dBFS.
   SetColour(cr, {0.5, 0.5, 0.5});
   Text(cr, kLeft + 6, panel.Y(kFullScaleDb) - 4, "0 dBFS", 0.0, 10.0);
-  DrawLegend(cr, panel,
-             {{"frame energy", LegendEntry::Line, kEnergy},
+  return {{"frame energy", LegendEntry::Line, kEnergy},
               {"speech-start threshold", LegendEntry::Dashed, kRed},
               {"speech-end threshold", LegendEntry::Dashed, kOrange},
               {"speech level", LegendEntry::Line, kPurple},
-              {"noise level", LegendEntry::Line, kBlue}});
+              {"noise level", LegendEntry::Line, kBlue}};
 }
 
-void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
+std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
   // Each reading covers the time since the previous one: a band of verdicts along the
   // bottom, merged where the verdict stays, and the per-cent curve above it.
   std::vector<std::pair<double, const nlohmann::ordered_json*>> readings;
@@ -365,15 +387,14 @@ void Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
     previousS = reading.first;
   }
   cairo_stroke(cr);
-  DrawLegend(cr, panel,
-             {{"SNR volume", LegendEntry::Line, kTeal},
+  return {{"SNR volume", LegendEntry::Line, kTeal},
               {"verdict OK", LegendEntry::Box, VerdictColour("OK")},
               {"too noisy", LegendEntry::Box, VerdictColour("TooNoisy")},
               {"too soft", LegendEntry::Box, VerdictColour("TooSoft")},
-              {"too loud", LegendEntry::Box, VerdictColour("TooLoud")}});
+              {"too loud", LegendEntry::Box, VerdictColour("TooLoud")}};
 }
 
-void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
+std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
   double gain = _agc->GetStartGain();
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
@@ -383,7 +404,7 @@ void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
     gain = update.GetGain();
     cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
   }
-  cairo_line_to(cr, X(_durationS), panel.Y(gain));
+  cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
   // Mark the updates that did more than wait.
   gain = _agc->GetStartGain();
@@ -395,13 +416,12 @@ void Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
     cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);
   }
-  DrawLegend(cr, panel,
-             {{"gain (closed loop)", LegendEntry::Line, kDark},
+  return {{"gain (closed loop)", LegendEntry::Line, kDark},
               {"too low: jump up", LegendEntry::Box, DecisionColour("toolow")},
               {"too high: jump down", LegendEntry::Box, DecisionColour("toohigh")},
               {"speech onset", LegendEntry::Box, DecisionColour("speech")},
               {"pause", LegendEntry::Box, DecisionColour("pause")},
-              {"step up in speech", LegendEntry::Box, DecisionColour("nil")}});
+              {"step up in speech", LegendEntry::Box, DecisionColour("nil")}};
 }
 
 }  // namespace ktcli

@@ -23,8 +23,9 @@ class Recording;
 class Plot {
  public:
   // Keeps references: everything passed must outlive the plot. agc may be null.
+  // Shows fromS to toS; toS <= fromS shows the whole recording.
   Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
-       std::vector<Segment> labels, std::string params);
+       std::vector<Segment> labels, std::string params, double fromS, double toS);
 
   // ".svg" and ".png", by the path's extension.
   static bool IsSupportedFormat(const std::string& path);
@@ -72,10 +73,13 @@ class Plot {
   void DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const;
   void ShadeSegments(cairo_t* cr, const Panel& panel) const;
   void DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendEntry>& entries) const;
-  void DrawWaveform(cairo_t* cr, const Panel& panel) const;
-  void DrawEnergy(cairo_t* cr, const Panel& panel) const;
-  void DrawVolume(cairo_t* cr, const Panel& panel) const;
-  void DrawGain(cairo_t* cr, const Panel& panel) const;
+  // Draws one panel's data, clipped to the panel, then its legend beside it.
+  void DrawPanel(cairo_t* cr, const Panel& panel,
+                 std::vector<LegendEntry> (Plot::*draw)(cairo_t*, const Panel&) const) const;
+  std::vector<LegendEntry> DrawWaveform(cairo_t* cr, const Panel& panel) const;
+  std::vector<LegendEntry> DrawEnergy(cairo_t* cr, const Panel& panel) const;
+  std::vector<LegendEntry> DrawVolume(cairo_t* cr, const Panel& panel) const;
+  std::vector<LegendEntry> DrawGain(cairo_t* cr, const Panel& panel) const;
   // A polyline over the frames, broken where a value is NaN.
   void DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const;
 
@@ -85,7 +89,8 @@ class Plot {
   const AgcRun* _agc;
   std::vector<Segment> _labels;
   std::string _params;
-  double _durationS;
+  double _fromS;
+  double _toS;
 };
 
 }  // namespace ktcli

@@ -530,7 +530,7 @@ TEST(AgcCommand, WritesTheScaledRecordingAndTheDiagnosticLog) {
 
 TEST(PlotCommand, WritesSvgAndPng) {
   TempDir dir;
-  const Result result = RunCli("plot --agc --labels " + SamplePath("forecast_16000", ".labels") + " -o " +
+  const Result result = RunCli("plot --agc --from 1 --to 5 --labels " + SamplePath("forecast_16000", ".labels") + " -o " +
                             (dir / "p.svg") + " -o " + (dir / "p.png") + " " + SamplePath("forecast_16000"));
   ASSERT_EQ(result.GetStatus(), 0) << result.GetErr();
   std::ifstream svg(dir / "p.svg");
@@ -585,6 +585,7 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
       {"agc --api c --log " + out + "/l.txt " + sample, 2, "--log needs --api classes"},
       {"vad --block-ms 0 " + sample, 2, "--block-ms"},
       {"plot -o " + out + "/p.pdf " + sample, 2, "must be .svg or .png"},
+      {"plot --from 3 --to 2 -o " + out + "/p.svg " + sample, 2, "--to 2.000 is not after --from 3.000"},
       {"vad -", 1, "raw audio needs --rate"},
       {"agc -o /nonexistent-dir/a.wav " + sample, 1, "cannot write /nonexistent-dir/a.wav"},
       {"frobnicate " + sample, 2, "frobnicate"},
