@@ -49,16 +49,18 @@ void WarnUnknownKeys(const std::string& params, const std::set<std::string>& kno
   }
 }
 
-// Builds the service once so that a bad string is refused before any audio is read.
-void CheckAnalyzerParams(const std::string& params) {
+// Builds the service once so that a bad string is refused with its own message. The
+// analyzer's limits depend on the frame length, so it is checked at the rate in use.
+void CheckAnalyzerParams(const std::string& params, int rateHz) {
   try {
-    kt::AudioAnalyzer(params, 16000.0, false);
+    kt::AudioAnalyzer(params, rateHz, false);
     WarnUnknownKeys(params, kAnalyzerKeys, "speech analyzer");
   } catch (const std::invalid_argument& e) {
     throw std::runtime_error("invalid parameter string \"" + params + "\": " + e.what());
   }
 }
 
+// The gain control's frames are 20 ms at every rate, so any supported rate will do.
 void CheckAgcParams(const std::string& params) {
   try {
     kt::AGC(params, 16000);
@@ -126,8 +128,8 @@ int RunVad(const VadOptions& options) {
   if (throughC && options.frames) {
     throw UsageError("--frames needs --api classes: the C interface reports no frames");
   }
-  if (!throughC) CheckAnalyzerParams(options.params);
   const Recording recording = Recording::Load(options.input.path, options.input.rawRateHz);
+  if (!throughC) CheckAnalyzerParams(options.params, recording.GetRateHz());
   const int blockSamples = BlockSamples(options.input, recording.GetRateHz());
   VadRun run =
       throughC ? VadRun::ThroughCInterface(recording.GetSamples(), recording.GetRateHz(), blockSamples)
@@ -147,8 +149,8 @@ int RunVad(const VadOptions& options) {
 }
 
 int RunSplit(const SplitOptions& options) {
-  CheckAnalyzerParams(options.params);
   const Recording recording = Recording::Load(options.input.path, options.input.rawRateHz);
+  CheckAnalyzerParams(options.params, recording.GetRateHz());
   const VadRun run =
       VadRun::ThroughClasses(recording.GetSamples(), recording.GetRateHz(), options.params,
                              BlockSamples(options.input, recording.GetRateHz()));
@@ -224,7 +226,6 @@ int RunAgc(const AgcOptions& options) {
 }
 
 int RunPlot(const PlotOptions& options) {
-  CheckAnalyzerParams(options.params);
   if (options.agc) CheckAgcParams(options.agcParams);
   if (options.toS != 0.0 && options.toS <= options.fromS) {
     throw UsageError("--to " + Fixed(options.toS, 3) + " is not after --from " + Fixed(options.fromS, 3));
@@ -236,6 +237,7 @@ int RunPlot(const PlotOptions& options) {
   std::vector<PendingFile> files;
   for (const std::string& path : options.outputs) files.emplace_back(path);
   const Recording recording = Recording::Load(options.input.path, options.input.rawRateHz);
+  CheckAnalyzerParams(options.params, recording.GetRateHz());
   const int blockSamples = BlockSamples(options.input, recording.GetRateHz());
   const VadRun run = VadRun::ThroughClasses(recording.GetSamples(), recording.GetRateHz(),
                                             options.params, blockSamples);
