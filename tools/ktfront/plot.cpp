@@ -170,9 +170,10 @@ void Plot::Draw(cairo_t* cr) const {
   top += kWaveHeight + kGap;
   panels.emplace_back(top, kEnergyHeight, lowDb, 100.0);
   top += kEnergyHeight + kGap;
-  panels.emplace_back(top, kVolumeHeight, kVerdictLowPct, 100.0);
+  // A little headroom, so that lines at 100 % and gain 1 are not cut by the clip.
+  panels.emplace_back(top, kVolumeHeight, kVerdictLowPct, 104.0);
   top += kVolumeHeight + kGap;
-  if (_agc) panels.emplace_back(top, kGainHeight, 0.0, 1.0);
+  if (_agc) panels.emplace_back(top, kGainHeight, 0.0, 1.04);
 
   DrawFrame(cr, panels[0], "amplitude", 0.5);
   DrawFrame(cr, panels[1], "energy (dB)", 10.0);
