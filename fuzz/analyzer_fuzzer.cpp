@@ -24,8 +24,8 @@ using kt::AnalyzerVolumeMeter;
 using kt::AudioAnalyzer;
 using kt::AudioData;
 
-// About half a minute of audio: enough for several utterances, still fast under ASan.
-constexpr size_t kSampleBudget = 500000;
+// Some 15 to 30 s of audio: several utterances, still fast under ASan.
+constexpr size_t kSampleBudget = 250000;
 
 std::string What(const std::invalid_argument& e) { return e.what(); }
 

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr long kUntouched = -424242;
-constexpr size_t kByteBudget = 1000000;
+constexpr size_t kByteBudget = 500000;
 
 int Rate(fuzz::Input& in) {
   switch (in.Byte() % 9) {

@@ -17,7 +17,7 @@ namespace {
 constexpr int kUntouchedResult = -12345;
 constexpr int kUntouchedInfo = -54321;
 constexpr double kUntouchedVolume = -777.5;
-constexpr size_t kByteBudget = 1000000;
+constexpr size_t kByteBudget = 500000;
 
 double Rate(fuzz::Input& in) {
   switch (in.Byte() % 10) {
