@@ -112,7 +112,6 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
     throw std::invalid_argument("Value out of range");
   }
   _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
-  _frame.resize(GetSamplesPerFrame());
   Reset();
 }
 
@@ -155,8 +154,7 @@ float AGC::ComputeGain(const AudioData& a, float currentGain) {
       ComputeClippingFraction(_audioBuffer.cbegin(), _audioBuffer.cend());
   for (size_t i = 0; i < numFrames; ++i) {
     const AudioData::const_iterator first = _audioBuffer.cbegin() + i * samplesPerFrame;
-    std::copy(first, first + samplesPerFrame, _frame.begin());
-    Process(_frame);
+    Process(first, first + samplesPerFrame);
   }
   const float newGain = ComputeGain(currentGain, clippingFraction);
   _audioBuffer.clear();  // an incomplete last frame is dropped
@@ -211,17 +209,21 @@ float AGC::Power(int64_t sumOfSquares, size_t numSamples) {
 float AGC::ComputeClippingFraction(AudioData::const_iterator first,
                                    AudioData::const_iterator last) {
   if (first == last) return 0.0f;
-  size_t clipped = 0;  // counted without a branch, so that the loop vectorises
-  for (AudioData::const_iterator it = first; it != last; ++it) {
-    clipped += (*it == 32767) | (*it == -32768);
+  // Counted without a branch in 16-bit lanes, a chunk at a time, so that the loop vectorises.
+  size_t clipped = 0;
+  for (AudioData::const_iterator chunk = first; chunk != last;) {
+    const AudioData::const_iterator end = last - chunk > 65535 ? chunk + 65535 : last;
+    uint16_t count = 0;
+    for (; chunk != end; ++chunk) count += (*chunk == 32767) | (*chunk == -32768);
+    clipped += count;
   }
   // One rounding of the quotient to float, also for blocks beyond 2^24 samples.
   return static_cast<float>(static_cast<double>(clipped) / static_cast<double>(last - first));
 }
 
-void AGC::Process(AudioData& frame) {
-  // The filter sums the squares as it goes: ComputePower of the filtered frame.
-  _h.Update(Power(_f.FilterSumOfSquares(frame.begin(), frame.end()), frame.size()));
+void AGC::Process(AudioData::const_iterator first, AudioData::const_iterator last) {
+  // ComputePower of the filtered frame, measured by the filter as it goes.
+  _h.Update(Power(_f.Measure(first, last), static_cast<size_t>(last - first)));
 }
 
 float AGC::GetThreshold(float a, float b, float offset) const {

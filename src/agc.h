@@ -125,7 +125,8 @@ class AGC {
  private:
   friend class AGCTestAccess;
 
-  void Process(AudioData& frame);
+  // Filters one frame of raw samples and adds its level to the histogram.
+  void Process(AudioData::const_iterator first, AudioData::const_iterator last);
   // 10 log10 of the mean square in single precision, 0 when it is at most 1 or empty.
   static float Power(int64_t sumOfSquares, size_t numSamples);
   bool DetectSpeech(float a, float b) const;
@@ -177,7 +178,6 @@ class AGC {
   HighpassFilter _f;
   AudioData _audioBuffer;
   ostreamptr _logStream;
-  AudioData _frame;  // scratch: one frame, filtered in place without touching the buffer
 };
 
 }  // namespace kt

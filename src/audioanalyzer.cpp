@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <stdexcept>
+#include <utility>
 
 #include "check.h"
 
@@ -31,7 +32,6 @@ AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRa
   _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000.0);
   // Durations use the true frame length: 220 samples at 11025 Hz are 19.95 ms.
   _frameSizeMs = 1000.0 * (_samplesPerFrame / samplingRate);
-  _scratchFrame.resize(static_cast<size_t>(_samplesPerFrame));
   _eosTimeoutMs = 420;
   UpdateParameters(keyValuePairs);
   Reset();
@@ -113,10 +113,9 @@ void AudioAnalyzer::Process(const AudioData& audioData) {
   try {
     while (i + samplesPerFrame - 1 < _audioBuffer.size()) {
       const AudioData::const_iterator first = _audioBuffer.cbegin() + static_cast<ptrdiff_t>(i);
-      std::copy(first, first + _samplesPerFrame, _scratchFrame.begin());
       // Counted as consumed before it is processed: a failure never measures a frame twice.
       i += samplesPerFrame;
-      ProcessFrame(_scratchFrame);
+      ProcessFrame(first, first + _samplesPerFrame);
     }
     GenerateVolumeMeterResult(_audioBuffer.cbegin(),
                               _audioBuffer.cbegin() + static_cast<ptrdiff_t>(i));
@@ -127,14 +126,15 @@ void AudioAnalyzer::Process(const AudioData& audioData) {
   _audioBuffer.erase(_audioBuffer.begin(), _audioBuffer.begin() + static_cast<ptrdiff_t>(i));
 }
 
-void AudioAnalyzer::ProcessFrame(AudioData& frame) {
+void AudioAnalyzer::ProcessFrame(AudioData::const_iterator first,
+                                 AudioData::const_iterator last) {
   if (_supplyFrameData) {
-    _audioFrames[static_cast<size_t>(_writeIndex % kRingSize)].assign(frame.begin(), frame.end());
+    _audioFrames[static_cast<size_t>(_writeIndex % kRingSize)].assign(first, last);
   }
-  // The filter measures as it goes: the same energy as ComputeEnergy over the filtered
-  // frame, whose double sum of squares is exact below 2^23 samples.
-  const int64_t sumOfSquares = _highpassFilter.FilterSumOfSquares(frame.begin(), frame.end());
-  AnalyzeEnergy(Energy(static_cast<double>(sumOfSquares), frame.size()));
+  // The energy of the filtered frame, measured by the filter without storing it. The same
+  // as ComputeEnergy's: a double sum of squares is exact below 2^23 samples.
+  const int64_t sumOfSquares = _highpassFilter.Measure(first, last);
+  AnalyzeEnergy(Energy(static_cast<double>(sumOfSquares), static_cast<size_t>(last - first)));
 }
 
 void AudioAnalyzer::AnalyzeEnergy(double energy) {
@@ -195,7 +195,7 @@ void AudioAnalyzer::Flush() {
 
 bool AudioAnalyzer::GetResult(AnalyzerResultPtr& result) {
   if (_resultDeque.empty()) return false;
-  result = _resultDeque.front();
+  result = std::move(_resultDeque.front());  // no reference count to raise and drop
   _resultDeque.pop_front();
   return true;
 }

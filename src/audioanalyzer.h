@@ -144,7 +144,8 @@ class AudioAnalyzer {
  private:
   friend class AudioAnalyzerTestAccess;
 
-  void ProcessFrame(AudioData& frame);
+  // Stores, filters and measures one frame of raw samples, deciding what falls due.
+  void ProcessFrame(AudioData::const_iterator first, AudioData::const_iterator last);
   // Stores one measured frame energy and decides the frames that are due.
   void AnalyzeEnergy(double energy);
   void Process(int index);
@@ -196,8 +197,6 @@ class AudioAnalyzer {
   std::vector<AudioData> _audioFrames;
   AudioData _audioBuffer;
   std::deque<AnalyzerResultPtr> _resultDeque;
-  // One frame's samples, filtered in place; kept so that no frame allocates.
-  AudioData _scratchFrame;
 };
 
 }  // namespace kt

@@ -27,34 +27,13 @@ class HighpassFilter {
   }
 
   // In place. The state follows the unclipped output; only the stored sample is clipped.
-  void Filter(AudioData::iterator begin, AudioData::iterator end) {
-    FilterSumOfSquares(begin, end);
-  }
+  void Filter(AudioData::iterator begin, AudioData::iterator end) { Run<true>(begin, end); }
 
-  // Filter, returning the sum of the squares of the stored samples, so that measuring a
-  // frame needs no second pass. Exact: each square is at most 2^30.
-  int64_t FilterSumOfSquares(AudioData::iterator begin, AudioData::iterator end) {
-    double z1 = _z1;
-    double z2 = _z2;
-    int64_t sumOfSquares = 0;
-    for (AudioData::iterator it = begin; it != end; ++it) {
-      const double sampleIn = *it;
-      const double sampleOut = _b1 * sampleIn + z1;
-      z1 = _b2 * sampleIn + z2 - _a2 * sampleOut;
-      z2 = _b3 * sampleIn - _a3 * sampleOut;
-      double clipped = sampleOut;
-      if (clipped > 32767.0) {
-        clipped = 32767.0;
-      } else if (clipped < -32768.0) {
-        clipped = -32768.0;
-      }
-      const int v = RoundHalfUp(clipped);
-      *it = static_cast<int16_t>(v);
-      sumOfSquares += v * v;
-    }
-    _z1 = z1;
-    _z2 = z2;
-    return sumOfSquares;
+  // Advances the state as Filter does and returns the sum of the squares of the samples
+  // it would store, leaving them as they are: owners that only measure the filtered audio
+  // need no copy to filter. Exact: each square is at most 2^30.
+  int64_t Measure(AudioData::const_iterator begin, AudioData::const_iterator end) {
+    return Run<false>(begin, end);
   }
 
   // floor(x + 0.5) for |x| <= 32768.5, without a call into the C library: truncation
@@ -68,6 +47,31 @@ class HighpassFilter {
   }
 
  private:
+  template <bool kStore, typename Iterator>
+  int64_t Run(Iterator begin, Iterator end) {
+    double z1 = _z1;
+    double z2 = _z2;
+    int64_t sumOfSquares = 0;
+    for (Iterator it = begin; it != end; ++it) {
+      const double sampleIn = *it;
+      const double sampleOut = _b1 * sampleIn + z1;
+      z1 = _b2 * sampleIn + z2 - _a2 * sampleOut;
+      z2 = _b3 * sampleIn - _a3 * sampleOut;
+      double clipped = sampleOut;
+      if (clipped > 32767.0) {
+        clipped = 32767.0;
+      } else if (clipped < -32768.0) {
+        clipped = -32768.0;
+      }
+      const int v = RoundHalfUp(clipped);
+      if constexpr (kStore) *it = static_cast<int16_t>(v);
+      sumOfSquares += v * v;  // dropped by the compiler where nobody asks for it
+    }
+    _z1 = z1;
+    _z2 = z2;
+    return sumOfSquares;
+  }
+
   void SetCoefficients(double b1, double b2, double b3, double a2, double a3) {
     _b1 = b1;
     _b2 = b2;
