@@ -2,6 +2,8 @@
 // with one table of medians (ns per sample, real-time factor, ratios) and the targets.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -19,6 +21,7 @@ struct Row {
   std::string name;
   int rate = 0;
   double nsPerSample = 0.0;
+  int64_t order = 0;  // registration order: runs come interleaved
 };
 
 const char* const kRecursion = "limit: recursion";
@@ -51,11 +54,14 @@ class TableReporter : public benchmark::ConsoleReporter {
       const double seconds =
           run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
       row.nsPerSample = seconds * 1e9 / run.counters.at("samples").value;
+      row.order = run.family_index;
       _rows.push_back(row);
     }
   }
 
-  void PrintTable() const {
+  void PrintTable() {
+    std::sort(_rows.begin(), _rows.end(),
+              [](const Row& a, const Row& b) { return a.order < b.order; });
     std::printf("\nMedians, CPU time; ÷ columns: how many times faster than that peer.\n\n");
     std::printf("| rate | benchmark | ns/sample | × real time | × recursion |");
     for (const auto& peer : kPeers) std::printf(" %s |", peer.second.c_str());
