@@ -35,10 +35,13 @@ void AGC::Histogram::Update(float x) {
   if (_wIndex >= w) {
     // The oldest level leaves through the same truncation that brought it in.
     const float y = _window[_wIndex % w];
-    --_histogram[static_cast<int>(y * _scaleFactor)];
+    const int oldest = static_cast<int>(y * _scaleFactor);
+    --_histogram[oldest];
+    --_groups[oldest / kBinsPerGroup];
     if (_wIndex >= 2 * w) _wIndex -= w;
   }
   ++_histogram[static_cast<int>(z)];
+  ++_groups[static_cast<int>(z) / kBinsPerGroup];
   _window[_wIndex % w] = x;
   ++_wIndex;
 }
@@ -49,13 +52,25 @@ float AGC::Histogram::GetLevel(int percent, bool b, int minSamples) const {
   KT_ASSERT(_wIndex > 0);
   const int n = GetNumSamples();
   KT_ASSERT(n >= minSamples);
+  const auto reached = [&](int sum) { return sum >= minSamples && sum * 100 >= percent * n; };
   const int numBins = static_cast<int>(_histogram.size());
+  const int numGroups = static_cast<int>(_groups.size());
+  // Whole groups are passed while even all their levels would not stop the walk: once
+  // reached, the condition holds for every larger sum, so the stop bin is the same.
   int sum = 0;
-  for (int k = 0; k < numBins; ++k) {
-    const int i = b ? k : numBins - 1 - k;
-    sum += _histogram[i];
-    if (sum >= minSamples && sum * 100 >= percent * n) {
-      return static_cast<float>(i) / _scaleFactor;  // lower edge of the bin, either way
+  if (b) {
+    int g = 0;
+    while (g < numGroups && !reached(sum + _groups[g])) sum += _groups[g++];
+    for (int i = g * kBinsPerGroup; i < numBins; ++i) {
+      sum += _histogram[i];
+      if (reached(sum)) return static_cast<float>(i) / _scaleFactor;  // the bin's lower edge
+    }
+  } else {
+    int g = numGroups - 1;
+    while (g >= 0 && !reached(sum + _groups[g])) sum += _groups[g--];
+    for (int i = std::min(numBins, (g + 1) * kBinsPerGroup) - 1; i >= 0; --i) {
+      sum += _histogram[i];
+      if (reached(sum)) return static_cast<float>(i) / _scaleFactor;  // lower edge as well
     }
   }
   KT_ASSERT(false);

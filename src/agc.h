@@ -50,15 +50,20 @@ class AGC {
   struct Histogram {
     static const int _scaleFactor = 4;  // bins per dB
 
+    // Bins counted together in _groups, so that GetLevel passes empty stretches quickly.
+    static const int kBinsPerGroup = 16;
+
     int32_t _wIndex = 0;  // write counter, folded to stay within [W, 2W] once full
     std::vector<float> _window;
     std::vector<int32_t> _histogram;
+    std::vector<int32_t> _groups;  // group g: the sum of bins [16g, 16g + 16)
 
     Histogram(int windowSize, int histogramSize) { SetSize(windowSize, histogramSize); }
 
     void SetSize(int windowSize, int histogramSize) {
       _window.resize(windowSize, 0.0f);
       _histogram.resize(histogramSize, 0);
+      _groups.resize((histogramSize + kBinsPerGroup - 1) / kBinsPerGroup, 0);
       Reset();
     }
 
@@ -66,6 +71,7 @@ class AGC {
     void Reset() {
       _wIndex = 0;
       std::fill(_histogram.begin(), _histogram.end(), 0);
+      std::fill(_groups.begin(), _groups.end(), 0);
     }
 
     void Update(float x);
