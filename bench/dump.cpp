@@ -1,6 +1,7 @@
 // Prints every output of both services, exactly (hexadecimal floats), for the three sample
 // recordings and the benchmark's minute at each rate: two builds of the library must
 // print the same text.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
