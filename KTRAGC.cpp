@@ -47,6 +47,12 @@ int KTRAGC_ComputeGain(const void* pvData_p, const unsigned int uiDataSize_p,
   if (!g_pAgc) return -1;
   if (lUBound_p == 0) return -1;
   if (!pvData_p && uiDataSize_p) return -1;
+  // Compared as integers: with a bound beyond 2^24, float would round a volume just past
+  // it to a gain of 1 and hand it back unchanged.
+  if (lUBound_p > 0 ? lInVolume_p < 0 || lInVolume_p > lUBound_p
+                    : lInVolume_p > 0 || lInVolume_p < lUBound_p) {
+    return -1;
+  }
   // long / float: both in single precision, the quotient rounded to single precision.
   const float fCurrentGain = lInVolume_p / static_cast<float>(lUBound_p);
   if (!(fCurrentGain >= 0.0f && fCurrentGain <= 1.0f)) return -1;

@@ -3,8 +3,8 @@
  *
  * Volumes are longs on the host's scale: lUBound_p stands for gain 1, 0 for gain 0.
  * Return codes of every function: 0 success; -1 a null output pointer, no gain control
- * (KTRAGC_Init not called or failed), a zero bound, a volume whose gain
- * lInVolume_p / lUBound_p lies outside 0 to 1, or a null block with a non-zero size
+ * (KTRAGC_Init not called or failed), a zero bound, a volume outside 0 to lUBound_p
+ * (the bound may be negative), or a null block with a non-zero size
  * (in all these cases nothing is written); -2 an error inside the library (such as an
  * unsupported sampling rate, or memory exhaustion); -3 any other failure.
  * Not thread-safe: make all calls from one thread. */

@@ -92,7 +92,9 @@ void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs) {
   // Refuses a ring of 0 or more than EnergyHistogram::kMaxWindowSize frames untouched.
   _histogram.UpdateParameters(par);
 
-  _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
+  const double maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
+  RefuseUnless(maxDecayRateDbPerDs >= 0.0);  // a negative rate would raise the level past 0 dBFS
+  _maxDecayRateDbPerDs = maxDecayRateDbPerDs;
   const double fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
   RefuseUnless(fullScaleSNR > 0.0);  // the per-cent scale divides by it; also refuses NaN
   _fullScaleSNR = fullScaleSNR;
