@@ -1,5 +1,6 @@
 #include "KTRAGC.h"
 
+#include <algorithm>
 #include <climits>
 #include <exception>
 
@@ -67,7 +68,11 @@ int KTRAGC_ComputeGain(const void* pvData_p, const unsigned int uiDataSize_p,
       // Formed in double and not rounded to float: 0.29f × 100 gives 28, not 29.
       const double dNewVolume =
           static_cast<double>(fNewGain) * static_cast<double>(static_cast<float>(lUBound_p));
-      *plCurrentGain_p = TruncateToLong(dNewVolume);
+      // Float may round a large bound upward and the product past it: the host's next
+      // call would then be refused, so the volume stays on its scale.
+      const long lNewVolume = TruncateToLong(dNewVolume);
+      *plCurrentGain_p = lUBound_p > 0 ? std::min(lNewVolume, lUBound_p)
+                                       : std::max(lNewVolume, lUBound_p);
     }
     return 0;
   } catch (const std::exception&) {

@@ -25,9 +25,8 @@ int KTRAGC_Init(const int iSamplingRate_p);
 /* Takes the block of uiDataSize_p bytes of 16-bit mono samples at pvData_p (machine byte
  * order), recorded at volume lInVolume_p, and writes the volume to set next to
  * *plCurrentGain_p: lInVolume_p itself while the gain stays, otherwise the new gain times
- * the bound, truncated toward zero. A product beyond the range of long (a bound near it
- * that float rounds upward) is written as the nearest long. On -2 or -3 *plCurrentGain_p
- * is 0. */
+ * the bound, truncated toward zero. A product past the bound (a large bound that float
+ * rounds upward) is written as the bound. On -2 or -3 *plCurrentGain_p is 0. */
 int KTRAGC_ComputeGain(const void* pvData_p, const unsigned int uiDataSize_p,
                        const long lInVolume_p, const long lUBound_p, long* plCurrentGain_p);
 

@@ -27,6 +27,21 @@ TEST(FuzzRegression, VolumePastALargeBoundIsRefused) {
   EXPECT_EQ(KTRAGC_Deinit(), 0);
 }
 
+// A bound that float rounds upward: the full gain times it lay past the bound, and the
+// host's next call, with that volume, was refused.
+TEST(FuzzRegression, RaisedVolumeStaysWithinALargeBound) {
+  ASSERT_EQ(KTRAGC_Init(16000), 0);
+  const std::vector<int16_t> silence(1600, 0);  // an update that finds the input too low
+  const long big = LONG_MAX / 2 + 1;             // 2^62 (2^30 on i386)
+  const long bound = big + (big >> 24) + 1;      // just past half float's step there
+  ASSERT_GT(static_cast<double>(static_cast<float>(bound)), static_cast<double>(bound));
+  long out = -5;
+  ASSERT_EQ(KTRAGC_ComputeGain(silence.data(), 3200, bound / 10 * 9, bound, &out), 0);
+  EXPECT_EQ(out, bound);  // four steps up from 0.9 reach 1
+  EXPECT_EQ(KTRAGC_ComputeGain(silence.data(), 3200, out, bound, &out), 0);
+  EXPECT_EQ(KTRAGC_Deinit(), 0);
+}
+
 // A negative decay rate let the level climb past 0 dBFS with every reading.
 TEST(FuzzRegression, NegativeDecayRateIsRefused) {
   try {
