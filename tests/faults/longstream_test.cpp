@@ -142,8 +142,9 @@ TEST(LongStream, TenHoursThroughBothInterfaces) {
     // Nothing grows with time: after the first period the heap never holds more.
     EXPECT_LE(period.maxLiveBytes, first.maxLiveBytes);
     EXPECT_LE(period.maxLiveBlocks, first.maxLiveBlocks);
-    // The detector keeps working: scenes change about every 4 s, most of them speech.
-    EXPECT_GT(period.speechStarts, PerPeriod(200));
+    // The detector keeps working: scenes change about every 4 s, half of them speech,
+    // and some 200 utterances an hour stand apart (a floor, not a rate).
+    EXPECT_GT(period.speechStarts, PerPeriod(100));
     EXPECT_LE(std::abs(period.speechStarts - period.speechEnds), 1);
     // Every block completes a frame, so every block brings one reading.
     EXPECT_EQ(period.readings, kPeriodBlocks);
