@@ -4,6 +4,7 @@
 // a model of the stream: frame results in order with their raw samples, one volume
 // reading per block that completed a frame, events in AboveVOR/SpeechStart and
 // BelowVOR/SpeechEnd pairs, speech flags that follow the events.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <deque>

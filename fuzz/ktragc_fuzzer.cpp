@@ -5,6 +5,7 @@
 // between 0 and the bound when accepted, and normal answers after any refused call.
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
