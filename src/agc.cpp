@@ -229,7 +229,8 @@ float AGC::ComputeClippingFraction(AudioData::const_iterator first,
   for (AudioData::const_iterator chunk = first; chunk != last;) {
     const AudioData::const_iterator end = last - chunk > 65535 ? chunk + 65535 : last;
     uint16_t count = 0;
-    for (; chunk != end; ++chunk) count += (*chunk == 32767) | (*chunk == -32768);
+    // The two tests exclude each other, so their sum counts without a branch.
+    for (; chunk != end; ++chunk) count += static_cast<uint16_t>((*chunk == 32767) + (*chunk == -32768));
     clipped += count;
   }
   // One rounding of the quotient to float, also for blocks beyond 2^24 samples.
