@@ -104,8 +104,10 @@ class AnalyzerAudioFrame : public AnalyzerResult {
 // "EOSTimeoutMs" at most 3 * kMaxLookBackFrames + 2, so that no decision reads a ring
 // slot a newer frame has overwritten (below 3970 ms and 11930 ms at 20 ms frames);
 // "HistogramWindowSizeMs" must give 1 to EnergyHistogram::kMaxWindowSize frames (10 min
-// of 20 ms frames, 240 kB of ring); "MaxDecayRateDbPerDs" must not be negative;
-// "FullScaleSNR" must be above 0; "TooSoftWindowSizeMs" must fit an int. A refused value throws std::invalid_argument("Value out of range").
+// of 20 ms frames, 240 kB of ring); "CutoffFraction" must lie in 0 to 1;
+// "MaxDecayRateDbPerDs" must not be negative; "FullScaleSNR" must be above 0;
+// "TooSoftWindowSizeMs" must fit an int. A refused value throws
+// std::invalid_argument("Value out of range").
 // UpdateParameters then behaves as for a value that fails to convert: the new string
 // and the keys read before the failing one are in effect, the failing key and those
 // after it keep their old values, and the analyzer stays usable. "HistogramWindowSizeMs"

@@ -109,7 +109,7 @@ class EnergyHistogram {
   }
 
   // Reads the keys in a fixed order and stores each at once; a zero or oversized
-  // ring is refused here so that Update never meets it.
+  // ring, and a "CutoffFraction" outside 0 to 1, are refused before they are stored.
   void SetParameters(const Parameters& params) {
     const unsigned int windowSize = params.Get<unsigned int>("WindowSize", 100);
     if (windowSize == 0 || windowSize > kMaxWindowSize) {
@@ -117,7 +117,12 @@ class EnergyHistogram {
     }
     _windowSize = windowSize;
     _minWindowSize = params.Get<unsigned int>("MinWindowSize", 40);
-    _cutoffFraction = params.Get<double>("CutoffFraction", 0.08);
+    const double cutoffFraction = params.Get<double>("CutoffFraction", 0.08);
+    // A fraction of the ring; it also keeps the quantile count within an int.
+    if (!(cutoffFraction >= 0.0 && cutoffFraction <= 1.0)) {
+      throw std::invalid_argument("Value out of range");
+    }
+    _cutoffFraction = cutoffFraction;
     _interpolationParam = params.Get<double>("InterpolationParam", 0.3);
     _thresholdOffsetSpeech = params.Get<double>("ThresholdOffsetSpeech", 6.0);
     _thresholdOffsetPause = params.Get<double>("ThresholdOffsetPause", 16.0);

@@ -157,6 +157,35 @@ TEST(EnergyHistogramTest, RefusesRingsOfNoSlotOrTooMany) {
   EXPECT_EQ(Access::Index(h), 60u);
 }
 
+// The fraction is a share of the ring: 0 and 1 are its ends, and a fraction far
+// beyond them would overflow the int quantile count.
+TEST(EnergyHistogramTest, AcceptsCutoffFractionsFromZeroToOneOnly) {
+  for (const char* text : {"CutoffFraction=-0.01", "CutoffFraction=1.0000001",
+                           "CutoffFraction=1e300", "CutoffFraction=-1e300"}) {
+    try {
+      EnergyHistogram h{Parameters(text)};
+      ADD_FAILURE() << text;
+    } catch (const std::invalid_argument& e) {
+      EXPECT_EQ(std::string(e.what()), "Value out of range") << text;
+    }
+  }
+  // Fraction 1 on a full ring: the count is the whole ring, reached from below only at
+  // the highest energy and from above only at the lowest.
+  EnergyHistogram h{Parameters("WindowSize=10;MinWindowSize=10;CutoffFraction=1")};
+  for (int i = 0; i < 10; ++i) h.Update(20.0 + 3 * i);
+  EXPECT_EQ(h.GetNoiseLevel(), 47.0);
+  EXPECT_EQ(h.GetSNR(), 20.0 - 47.0);
+  // Fraction 0: a count of 0 is reached at once, at bin 0 and at bin 99.
+  h.UpdateParameters(Parameters("WindowSize=10;MinWindowSize=10;CutoffFraction=0"));
+  EXPECT_EQ(h.GetNoiseLevel(), 0.0);
+  EXPECT_EQ(h.GetSNR(), 99.0);
+  // A refused fraction leaves the ring and its levels as they were.
+  EXPECT_THROW(h.UpdateParameters(Parameters("WindowSize=10;MinWindowSize=10;CutoffFraction=2")),
+               std::invalid_argument);
+  EXPECT_EQ(Access::Index(h), 10u);
+  EXPECT_EQ(h.GetNoiseLevel(), 0.0);
+}
+
 TEST(EnergyHistogramTest, AssertsItsPreconditions) {
   EnergyHistogram h{Parameters()};
   for (double bad : {-0.5, 100.0, std::nan("")}) {
