@@ -171,9 +171,8 @@ float AGC::ComputeGain(const AudioData& a, float currentGain) {
     const AudioData::const_iterator first = _audioBuffer.cbegin() + i * samplesPerFrame;
     Process(first, first + samplesPerFrame);
   }
-  const float newGain = ComputeGain(currentGain, clippingFraction);
   _audioBuffer.clear();  // an incomplete last frame is dropped
-  return newGain;
+  return ComputeGain(currentGain, clippingFraction);
 }
 
 unsigned short AGC::ComputeGain(const AudioData& a, unsigned short gain) {
@@ -272,11 +271,15 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
   const uint32_t timeMs = GetLogTimeMs();
   const uint32_t frameMs = static_cast<uint32_t>(GetFrameSizeMs());
   LogMeasurement(timeMs, currentGain, a, a2, b2, b, clippingFraction, n);
+  GainDecision decision{timeMs, currentGain, a, a2, b2, b, clippingFraction, n,
+                        GainDecision::Nil, timeMs, false, currentGain};
 
   if (a2 < _minLowerBound && b < _lowerBound) {
-    return Jump(currentGain, true, _fastStepSizeUp, "toolow:", timeMs);
+    return Jump(currentGain, true, _fastStepSizeUp, "toolow:", timeMs, decision);
   }
-  if (b2 > _upperBound) return Jump(currentGain, false, _fastStepSizeDown, "toohigh:", timeMs);
+  if (b2 > _upperBound) {
+    return Jump(currentGain, false, _fastStepSizeDown, "toohigh:", timeMs, decision);
+  }
   if (_state == Initial) {
     if (DetectSpeech(a, b)) {
       _rising = true;
@@ -284,23 +287,23 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
       _state = Speech;
       const uint32_t onsetMs = timeMs - frameMs * static_cast<uint32_t>(_speechWindowSize);
       _logStream << "\t " << "speech:" << onsetMs << "\n";
-    } else {
-      _logStream << "\t " << "nil:" << timeMs << "\n";
+      return Decided(decision, GainDecision::SpeechOnset, onsetMs, false, currentGain);
     }
-    return currentGain;
+    _logStream << "\t " << "nil:" << timeMs << "\n";
+    return Decided(decision, GainDecision::Nil, timeMs, false, currentGain);
   }
   if (DetectPause(a, b)) {
     _state = Initial;
     const uint32_t pauseMs = timeMs - frameMs * static_cast<uint32_t>(_pauseWindowSize);
     _logStream << "\t " << "pause:" << pauseMs << "\n";
-    return currentGain;
+    return Decided(decision, GainDecision::Pause, pauseMs, false, currentGain);
   }
   _logStream << "\t " << "nil:" << timeMs;
   if (b > _upperLevelRef) {
     _upperLevelRef = b;
     if (_rising) {  // no increase while the speech level still climbs
       _logStream << "\n";
-      return currentGain;
+      return Decided(decision, GainDecision::Nil, timeMs, false, currentGain);
     }
   } else {
     _rising = false;
@@ -309,19 +312,39 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
       b - a >= _thresholdOffsetSpeech) {
     const float newGain = NewGain(currentGain, true, 1);
     LogNewGain(newGain);
-    return newGain;
+    return Decided(decision, GainDecision::Nil, timeMs, true, newGain);
   }
   _logStream << "\n";
-  return currentGain;
+  return Decided(decision, GainDecision::Nil, timeMs, false, currentGain);
 }
 
 float AGC::Jump(float currentGain, bool increase, int stepSize, const char* record,
-                uint32_t timeMs) {
+                uint32_t timeMs, GainDecision& decision) {
   const float newGain = NewGain(currentGain, increase, stepSize);
   _state = Initial;
   _logStream << "\t " << record << timeMs;
   LogNewGain(newGain);
+  return Decided(decision, increase ? GainDecision::TooLow : GainDecision::TooHigh, timeMs, true,
+                 newGain);
+}
+
+float AGC::Decided(GainDecision& decision, GainDecision::Outcome outcome, uint32_t outcomeTimeMs,
+                   bool stepped, float newGain) const {
+  decision.outcome = outcome;
+  decision.outcomeTimeMs = outcomeTimeMs;
+  decision.stepped = stepped;
+  decision.newGain = newGain;
+  if (_decisionObserver) _decisionObserver(decision);
   return newGain;
+}
+
+std::vector<std::string> AGC::GetParameterKeys() {
+  return {"MinUpdateIntervalMs", "MinLowerLevelSizeMs", "MinUpperLevelSizeMs", "WindowSizeMs",
+          "SpeechWindowSizeMs", "SpeechFraction", "PauseWindowSizeMs", "CutoffFraction",
+          "InterpolationWeight", "ThresholdOffsetSpeech", "ThresholdOffsetPause",
+          "ThresholdUpperBound", "MinLowerBound", "LowerBound", "UpperBound",
+          "UpperLevelRefDelta", "FastStepSizeUp", "FastStepSizeDown", "LeastGain", "DeltaGain",
+          "RelativeGain"};
 }
 
 float AGC::NewGain(float currentGain, bool increase, int stepSize) {

@@ -3,6 +3,7 @@
 // from its low and high percentiles, decides the recording gain to set next.
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -27,6 +28,23 @@ ostreamptr& operator<<(ostreamptr& os, const T& x) {
   }
   return os;
 }
+
+// One gain decision, with the values its diagnostic log line prints. Levels in dB.
+struct GainDecision {
+  enum Outcome { TooLow, TooHigh, SpeechOnset, Pause, Nil };  // "toolow:", "toohigh:", ...
+  uint32_t timeMs;          // since the last reset, as the log writes it
+  float currentGain;
+  float lowerLevel;         // a: the low percentile of the levels
+  float lowerLevel2;        // a2: the same over at least "MinLowerLevelSizeMs" of levels
+  float upperLevel2;        // b2: the high percentile over at least "MinUpperLevelSizeMs"
+  float upperLevel;         // b: the high percentile
+  float clippingFraction;
+  int numLevels;            // n: levels in the histogram
+  Outcome outcome;
+  uint32_t outcomeTimeMs;   // the time after the record word: onsets and pauses dated back
+  bool stepped;             // the gain was stepped ("# newGain"), even when it stayed equal
+  float newGain;            // the gain returned
+};
 
 // Configuration refusals (std::invalid_argument):
 // - "Value out of range": a duration key below 0 or above kMaxDurationMs; a "WindowSizeMs"
@@ -121,6 +139,13 @@ class AGC {
   float ComputeGainRandom(const AudioData& a, float currentGain) const;
 
   void SetLogStream(ostreamptr logStream) { _logStream = std::move(logStream); }
+  // Called once per decision, after its log line; an empty function removes it. An
+  // exception from the observer leaves ComputeGain after the decision took effect.
+  void SetDecisionObserver(std::function<void(const GainDecision&)> observer) {
+    _decisionObserver = std::move(observer);
+  }
+  // Every key the constructor reads.
+  static std::vector<std::string> GetParameterKeys();
 
   static int GetFrameSizeMs() { return 20; }
 
@@ -150,7 +175,11 @@ class AGC {
     return static_cast<uint32_t>(static_cast<uint64_t>(_timeMs));
   }
   // A jump of stepSize steps that forgets the levels and restarts in Initial.
-  float Jump(float currentGain, bool increase, int stepSize, const char* record, uint32_t timeMs);
+  float Jump(float currentGain, bool increase, int stepSize, const char* record, uint32_t timeMs,
+             GainDecision& decision);
+  // Completes the decision, hands it to the observer and returns its new gain.
+  float Decided(GainDecision& decision, GainDecision::Outcome outcome, uint32_t outcomeTimeMs,
+                bool stepped, float newGain) const;
   void LogMeasurement(uint32_t timeMs, float currentGain, float a, float a2, float b2,
                       float b, float clippingFraction, int n);
   void LogNewGain(float newGain);
@@ -184,6 +213,7 @@ class AGC {
   HighpassFilter _f;
   AudioData _audioBuffer;
   ostreamptr _logStream;
+  std::function<void(const GainDecision&)> _decisionObserver;
 };
 
 }  // namespace kt

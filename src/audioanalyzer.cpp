@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -176,7 +177,36 @@ void AudioAnalyzer::Process(int index) {
       }
     }
     ++_readIndex;
+    if (_frameObserver) NotifyFrameDecided(_readIndex - 1);
   }
+}
+
+void AudioAnalyzer::NotifyFrameDecided(int index) const {
+  const bool learnt = _histogram.IsThresholdComputed();
+  const double unknown = std::numeric_limits<double>::quiet_NaN();
+  _frameObserver(FrameDecision{index,
+                               _energyWindow[static_cast<size_t>(index % kRingSize)],
+                               _histogram.GetThreshold(false),
+                               _histogram.GetThreshold(true),
+                               learnt ? _histogram.GetNoiseLevel() : unknown,
+                               learnt ? _histogram.GetNoiseLevel() + _histogram.GetSNR() : unknown,
+                               _state == Speech});
+}
+
+void AudioAnalyzer::SetFrameObserver(std::function<void(const FrameDecision&)> observer) {
+  _frameObserver = std::move(observer);
+}
+
+std::vector<std::string> AudioAnalyzer::GetParameterKeys() {
+  std::vector<std::string> keys = {
+      "SpeechWindowSizeMs", "SpeechWindowFraction", "EOSTimeoutMs", "HistogramWindowSizeMs",
+      "HistogramMinWindowSizeMs", "MaxDecayRateDbPerDs", "FullScaleSNR", "TooNoisyLeveldBFS",
+      "TooLoudAlignmentLeveldBFS", "TooSoftWindowSizeMs", "TooSoftSNR", "MinRecordingLeveldBFS"};
+  // The histogram's ring sizes are set from the two Ms keys above.
+  for (const std::string& key : EnergyHistogram::GetParameterKeys()) {
+    if (key != "WindowSize" && key != "MinWindowSize") keys.push_back(key);
+  }
+  return keys;
 }
 
 void AudioAnalyzer::Flush() {

@@ -1,6 +1,7 @@
 #pragma once
 // The speech analyzer: voice activity detection with a volume meter, and its results.
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -96,6 +97,18 @@ class AnalyzerAudioFrame : public AnalyzerResult {
   bool _isSpeechSegmentFrame;
 };
 
+// What the analyzer decided for one whole frame, and the levels it was decided by. Levels
+// are on the energy scale (dB of the mean square sample, 90.31 at full scale).
+struct FrameDecision {
+  int frameIndex;
+  double energy;                // of the high-pass filtered frame
+  double speechStartThreshold;  // in force when the frame was decided
+  double speechEndThreshold;
+  double noiseLevel;            // NaN until the histogram has learnt the levels
+  double speechLevel;           // NaN likewise
+  bool isSpeech;                // the state the decision left: in a speech segment or not
+};
+
 // Voice activity detector with a volume meter. Cuts the audio into 20 ms frames,
 // decides each frame between pause and speech and queues its findings as results.
 //
@@ -137,6 +150,14 @@ class AudioAnalyzer {
   // Takes the oldest queued result; false and `result` untouched when there is none.
   bool GetResult(AnalyzerResultPtr& result);
 
+  // Called once per decided whole frame, in decision order, from Process and Flush; an
+  // empty function removes it. Frames are decided with one frame of look-ahead, and the
+  // first ones all at once when the first threshold is computed. An exception from the
+  // observer leaves Process or Flush; the frame counts as decided.
+  void SetFrameObserver(std::function<void(const FrameDecision&)> observer);
+  // Every key UpdateParameters reads, its histogram's included.
+  static std::vector<std::string> GetParameterKeys();
+
   // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
   void SetEOSTimeout(int timeoutMs);
   int GetEOSTimeout() const { return _eosTimeoutMs; }
@@ -160,6 +181,7 @@ class AudioAnalyzer {
   static double Energy(double sumOfSquares, size_t numSamples);
   bool DetectSpeech() const;
   bool DetectPause();
+  void NotifyFrameDecided(int index) const;
   void GenerateEventResult(double timeMs, AnalyzerEvent::EventTag tag);
   void GenerateFrameResults(int index);
   double GenerateLeftoverFrame();
@@ -199,6 +221,7 @@ class AudioAnalyzer {
   std::vector<AudioData> _audioFrames;
   AudioData _audioBuffer;
   std::deque<AnalyzerResultPtr> _resultDeque;
+  std::function<void(const FrameDecision&)> _frameObserver;
 };
 
 }  // namespace kt

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "check.h"
@@ -56,6 +57,13 @@ class EnergyHistogram {
     if (_index >= _minWindowSize && (_index % 5 == 0 || _index == _minWindowSize)) {
       UpdateThreshold();
     }
+  }
+
+  // Every key SetParameters reads.
+  static std::vector<std::string> GetParameterKeys() {
+    return {"WindowSize", "MinWindowSize", "CutoffFraction", "InterpolationParam",
+            "ThresholdOffsetSpeech", "ThresholdOffsetPause", "ThresholdLowerLimit",
+            "ThresholdUpperLimit"};
   }
 
   bool IsThresholdComputed() const { return _index >= _minWindowSize; }
