@@ -4,6 +4,7 @@
 #include <string>
 
 #include "commands.h"
+#include "output.h"
 
 namespace {
 
@@ -106,6 +107,8 @@ int main(int argc, char** argv) {
     if (*splitCommand) return ktcli::RunSplit(split);
     if (*agcCommand) return ktcli::RunAgc(agc);
     return ktcli::RunPlot(plot);
+  } catch (const ktcli::ClosedPipe&) {
+    return kExitFailure;  // the reader has gone; nothing to tell it
   } catch (const ktcli::UsageError& e) {
     std::cerr << "ktfront: error: " << e.what() << "\n";
     return kExitUsage;

@@ -6,10 +6,8 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "agcrun.h"
-#include "frametrace.h"
+#include "audioanalyzer.h"
 #include "outputfile.h"
-#include "recording.h"
 #include "textformat.h"
 
 namespace ktcli {
@@ -43,6 +41,11 @@ constexpr Rgb kLabelBar{0.20, 0.50, 0.22};
 constexpr Rgb kWave{0.27, 0.45, 0.70};
 constexpr Rgb kEnergy{0.25, 0.25, 0.25};
 constexpr Rgb kGrid{0.88, 0.88, 0.88};
+
+const char* InfoName(int info) {
+  static const char* const kNames[] = {"OK", "TooNoisy", "TooSoft", "TooLoud"};
+  return info >= 0 && info < 4 ? kNames[info] : "?";
+}
 
 Rgb VerdictColour(const std::string& info) {
   if (info == "TooNoisy") return kOrange;
@@ -106,16 +109,12 @@ void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
   Text(cr, x + 30, y, _text, 0.0);
 }
 
-Plot::Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
-           std::vector<Segment> labels, std::string params, double fromS, double toS)
-    : _recording(recording),
-      _trace(trace),
-      _vad(vad),
-      _agc(agc),
+Plot::Plot(const PlotData& data, std::vector<Segment> labels, std::string params, double fromS, double toS)
+    : _data(data),
       _labels(std::move(labels)),
       _params(std::move(params)),
       _fromS(toS > fromS ? fromS : 0.0),
-      _toS(toS > fromS ? toS : std::max(recording.GetDurationS(), 1e-3)) {}
+      _toS(toS > fromS ? toS : std::max(data.durationS, 1e-3)) {}
 
 bool Plot::IsSupportedFormat(const std::string& path) {
   auto endsWith = [&path](const std::string& suffix) {
@@ -130,7 +129,7 @@ double Plot::X(double timeS) const {
 
 double Plot::GetHeight() const {
   return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
-         (_agc ? kGap + kGainHeight : 0.0) + kBottom;
+         (_data.agc ? kGap + kGainHeight : 0.0) + kBottom;
 }
 
 void Plot::Render(const PendingFile& file) const {
@@ -161,7 +160,7 @@ void Plot::Draw(cairo_t* cr) const {
 
   // Energies, thresholds and levels share one dB axis, cut to what the recording uses.
   double lowDb = kFullScaleDb;
-  for (const double e : _trace.GetEnergiesDb()) lowDb = std::min(lowDb, e);
+  for (const PlotData::Frame& frame : _data.frames) lowDb = std::min(lowDb, static_cast<double>(frame.energy));
   lowDb = std::max(0.0, std::floor((lowDb - 5.0) / 10.0) * 10.0);
 
   double top = kTitleHeight;
@@ -173,17 +172,17 @@ void Plot::Draw(cairo_t* cr) const {
   // A little headroom, so that lines at 100 % and gain 1 are not cut by the clip.
   panels.emplace_back(top, kVolumeHeight, kVerdictLowPct, 104.0);
   top += kVolumeHeight + kGap;
-  if (_agc) panels.emplace_back(top, kGainHeight, 0.0, 1.04);
+  if (_data.agc) panels.emplace_back(top, kGainHeight, 0.0, 1.04);
 
   DrawFrame(cr, panels[0], "amplitude", 0.5);
   DrawFrame(cr, panels[1], "energy (dB)", 10.0);
   DrawFrame(cr, panels[2], "SNR volume (%)", 25.0);
-  if (_agc) DrawFrame(cr, panels[3], "gain", 0.25);
+  if (_data.agc) DrawFrame(cr, panels[3], "gain", 0.25);
   DrawTimeAxis(cr, panels);
   DrawPanel(cr, panels[0], &Plot::DrawWaveform);
   DrawPanel(cr, panels[1], &Plot::DrawEnergy);
   DrawPanel(cr, panels[2], &Plot::DrawVolume);
-  if (_agc) DrawPanel(cr, panels[3], &Plot::DrawGain);
+  if (_data.agc) DrawPanel(cr, panels[3], &Plot::DrawGain);
 }
 
 void Plot::DrawPanel(cairo_t* cr, const Panel& panel,
@@ -197,17 +196,17 @@ void Plot::DrawPanel(cairo_t* cr, const Panel& panel,
 }
 
 void Plot::DrawTitle(cairo_t* cr) const {
-  const size_t count = _vad.GetSegments().size();
-  std::string title = _recording.GetName() + "   " + std::to_string(_recording.GetRateHz()) + " Hz, " +
-                      Fixed(_recording.GetDurationS(), 2) + " s, " + std::to_string(count) +
+  const size_t count = _data.segments.size();
+  std::string title = _data.name + "   " + std::to_string(_data.rateHz) + " Hz, " +
+                      Fixed(_data.durationS, 2) + " s, " + std::to_string(count) +
                       (count == 1 ? " speech segment" : " speech segments");
   SetColour(cr, kDark);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
   Text(cr, kLeft, 26, title, 0.0, 16.0);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
   std::string subtitle = "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params);
-  if (_agc) subtitle += "      gain control from gain " + Fixed(_agc->GetStartGain(), 2);
-  if (_fromS > 0.0 || _toS < _recording.GetDurationS()) {
+  if (_data.agc) subtitle += "      gain control from gain " + Fixed(_data.startGain, 2);
+  if (_fromS > 0.0 || _toS < _data.durationS) {
     subtitle += "      showing " + Fixed(_fromS, 2) + " to " + Fixed(_toS, 2) + " s";
   }
   Text(cr, kLeft, 46, subtitle, 0.0);
@@ -261,7 +260,7 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
 
 void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kSpeechShade);
-  for (const Segment& segment : _vad.GetSegments()) {
+  for (const Segment& segment : _data.segments) {
     cairo_rectangle(cr, X(segment.GetStartS()), panel.GetTop(), X(segment.GetEndS()) - X(segment.GetStartS()),
                     panel.GetBottom() - panel.GetTop());
   }
@@ -277,19 +276,24 @@ void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendE
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
-  // Per pixel column, the smallest and largest sample: the envelope.
-  const kt::AudioData& samples = _recording.GetSamples();
+  // Per pixel column, the extremes of the frames it touches: the envelope.
+  const std::vector<PlotData::Frame>& frames = _data.frames;
   const int columns = static_cast<int>(kWidth - kLeft - kRight);
-  const double rate = _recording.GetRateHz();
+  const double frameS = _data.frameMs / 1000.0;
   std::vector<double> highs, lows;
   for (int c = 0; c < columns; ++c) {
     const double fromS = _fromS + (_toS - _fromS) * c / columns;
     const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns;
-    const size_t first = std::min(samples.size(), static_cast<size_t>(fromS * rate));
-    const size_t last = std::min(samples.size(), std::max(first + 1, static_cast<size_t>(toS * rate)));
-    const auto range = std::minmax_element(samples.begin() + first, samples.begin() + last);
-    highs.push_back(first < last ? *range.second / 32768.0 : 0.0);
-    lows.push_back(first < last ? *range.first / 32768.0 : 0.0);
+    const size_t first = std::min(frames.size(), static_cast<size_t>(fromS / frameS));
+    const size_t last = std::min(frames.size(), std::max(first + 1, static_cast<size_t>(std::ceil(toS / frameS))));
+    int16_t high = 0;
+    int16_t low = 0;
+    for (size_t i = first; i < last; ++i) {
+      high = std::max(high, frames[i].high);
+      low = std::min(low, frames[i].low);
+    }
+    highs.push_back(high / 32768.0);
+    lows.push_back(low / 32768.0);
   }
   SetColour(cr, kWave);
   cairo_move_to(cr, kLeft, panel.Y(highs[0]));
@@ -311,15 +315,16 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
   return legend;
 }
 
-void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const {
-  const double frameS = _trace.GetFrameMs() / 1000.0;
+void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const {
+  const double frameS = _data.frameMs / 1000.0;
   bool drawing = false;
-  for (size_t i = 0; i < values.size(); ++i) {
-    if (std::isnan(values[i])) {
+  for (size_t i = 0; i < _data.frames.size(); ++i) {
+    const double v = _data.frames[i].*value;
+    if (std::isnan(v)) {
       drawing = false;
       continue;
     }
-    const double y = panel.Y(values[i]);
+    const double y = panel.Y(v);
     if (drawing) {
       cairo_line_to(cr, X(i * frameS), y);
     } else {
@@ -335,18 +340,18 @@ std::vector<Plot::LegendEntry> Plot::DrawEnergy(cairo_t* cr, const Panel& panel)
   cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
   cairo_set_line_width(cr, 1.0);
   SetColour(cr, kEnergy);
-  DrawFrameSeries(cr, panel, _trace.GetEnergiesDb());
+  DrawFrameSeries(cr, panel, &PlotData::Frame::energy);
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kBlue);
-  DrawFrameSeries(cr, panel, _trace.GetNoiseLevelsDb());
+  DrawFrameSeries(cr, panel, &PlotData::Frame::noiseLevel);
   SetColour(cr, kPurple);
-  DrawFrameSeries(cr, panel, _trace.GetSpeechLevelsDb());
+  DrawFrameSeries(cr, panel, &PlotData::Frame::speechLevel);
   const double dashes[] = {7.0, 4.0};
   cairo_set_dash(cr, dashes, 2, 0);
   SetColour(cr, kRed);
-  DrawFrameSeries(cr, panel, _trace.GetStartThresholdsDb());
+  DrawFrameSeries(cr, panel, &PlotData::Frame::startThreshold);
   SetColour(cr, kOrange);
-  DrawFrameSeries(cr, panel, _trace.GetEndThresholdsDb());
+  DrawFrameSeries(cr, panel, &PlotData::Frame::endThreshold);
   cairo_set_dash(cr, nullptr, 0, 0);
 
   // Full scale, so that the energy scale reads against dBFS.
@@ -362,30 +367,27 @@ std::vector<Plot::LegendEntry> Plot::DrawEnergy(cairo_t* cr, const Panel& panel)
 std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
   // Each reading covers the time since the previous one: a band of verdicts along the
   // bottom, merged where the verdict stays, and the per-cent curve above it.
-  std::vector<std::pair<double, const nlohmann::ordered_json*>> readings;
-  for (const nlohmann::ordered_json& record : _vad.GetRecords()) {
-    if (record["type"] == "volume") readings.emplace_back(record["timeMs"].get<double>() / 1000.0, &record);
-  }
+  const std::vector<PlotData::Volume>& readings = _data.volumes;
   double bandStartS = 0.0;
   for (size_t i = 0; i < readings.size(); ++i) {
-    const std::string info = (*readings[i].second)["info"];
-    if (i + 1 < readings.size() && (*readings[i + 1].second)["info"] == info) continue;
+    const std::string info = InfoName(readings[i].info);
+    if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
     SetColour(cr, VerdictColour(info));
-    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].first) - X(bandStartS),
+    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].timeS) - X(bandStartS),
                     panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
     cairo_fill(cr);
-    bandStartS = readings[i].first;
+    bandStartS = readings[i].timeS;
   }
   double previousS = 0.0;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kTeal);
-  for (const auto& reading : readings) {
+  for (const PlotData::Volume& reading : readings) {
     // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
-    const double y = panel.Y(std::max(0.0, (*reading.second)["snrVolumePct"].get<double>()));
+    const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
     if (previousS == 0.0) cairo_move_to(cr, X(0.0), y);
     cairo_line_to(cr, X(previousS), y);
-    cairo_line_to(cr, X(reading.first), y);
-    previousS = reading.first;
+    cairo_line_to(cr, X(reading.timeS), y);
+    previousS = reading.timeS;
   }
   cairo_stroke(cr);
   return {{"SNR volume", LegendEntry::Line, kTeal},
@@ -396,11 +398,11 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
-  double gain = _agc->GetStartGain();
+  double gain = _data.startGain;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
   cairo_move_to(cr, X(0.0), panel.Y(gain));
-  for (const GainUpdate& update : _agc->GetUpdates()) {
+  for (const GainUpdate& update : _data.gains) {
     cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
     gain = update.GetGain();
     cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
@@ -408,8 +410,8 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
   cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
   // Mark the updates that did more than wait.
-  gain = _agc->GetStartGain();
-  for (const GainUpdate& update : _agc->GetUpdates()) {
+  gain = _data.startGain;
+  for (const GainUpdate& update : _data.gains) {
     const bool stepped = update.GetGain() != gain;
     gain = update.GetGain();
     if (update.GetDecision() == "nil" && !stepped) continue;

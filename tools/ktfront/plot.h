@@ -8,24 +8,45 @@
 
 #include "vadrun.h"
 
-namespace ktcli {
+#include "agcrun.h"
 
-class AgcRun;
+namespace ktcli {
 
 struct Rgb {
   double r, g, b;
 };
 
-class FrameTrace;
 class PendingFile;
-class Recording;
+
+// What the plot keeps of a run: a few dozen bytes per frame, never the samples.
+struct PlotData {
+  // One decided frame, on the energy scale, with the extremes of its samples.
+  struct Frame {
+    float energy, startThreshold, endThreshold, noiseLevel, speechLevel;  // levels NaN until learnt
+    int16_t low = 0, high = 0;
+  };
+  struct Volume {
+    float timeS;
+    float snrVolumePct;
+    int8_t info;  // kt::AnalyzerVolumeMeter::Info
+  };
+  std::string name;
+  int rateHz = 0;
+  double durationS = 0.0;
+  double frameMs = 20.0;
+  std::vector<Frame> frames;
+  std::vector<Volume> volumes;
+  std::vector<Segment> segments;
+  bool agc = false;
+  float startGain = 0.5f;
+  std::vector<GainUpdate> gains;
+};
 
 class Plot {
  public:
-  // Keeps references: everything passed must outlive the plot. agc may be null.
-  // Shows fromS to toS; toS <= fromS shows the whole recording.
-  Plot(const Recording& recording, const FrameTrace& trace, const VadRun& vad, const AgcRun* agc,
-       std::vector<Segment> labels, std::string params, double fromS, double toS);
+  // Keeps a reference to data, which must outlive the plot. Shows fromS to toS; toS <= fromS
+  // shows the whole recording.
+  Plot(const PlotData& data, std::vector<Segment> labels, std::string params, double fromS, double toS);
 
   // ".svg" and ".png", by the path's extension.
   static bool IsSupportedFormat(const std::string& path);
@@ -81,12 +102,9 @@ class Plot {
   std::vector<LegendEntry> DrawVolume(cairo_t* cr, const Panel& panel) const;
   std::vector<LegendEntry> DrawGain(cairo_t* cr, const Panel& panel) const;
   // A polyline over the frames, broken where a value is NaN.
-  void DrawFrameSeries(cairo_t* cr, const Panel& panel, const std::vector<double>& values) const;
+  void DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const;
 
-  const Recording& _recording;
-  const FrameTrace& _trace;
-  const VadRun& _vad;
-  const AgcRun* _agc;
+  const PlotData& _data;
   std::vector<Segment> _labels;
   std::string _params;
   double _fromS;

@@ -2,13 +2,9 @@
 
 #include <KTRVAD.h>
 
-#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
-
-#include "audioanalyzer.h"
-#include "frametrace.h"
 
 namespace ktcli {
 namespace {
@@ -28,123 +24,129 @@ const char* InfoName(int info) {
   return info >= 0 && info < 4 ? kNames[info] : "?";
 }
 
-nlohmann::ordered_json StreamRecord(const char* api, int rateHz, int blockSamples, size_t samples) {
-  return {{"type", "stream"}, {"api", api},          {"rateHz", rateHz},
-          {"blockSamples", blockSamples}, {"samples", samples}};
+// NaN, a level not learnt yet, becomes null.
+nlohmann::ordered_json Level(double db) {
+  return std::isnan(db) ? nlohmann::ordered_json() : nlohmann::ordered_json(db);
 }
 
 }  // namespace
 
-void VadRun::Add(nlohmann::ordered_json record) { _records.push_back(std::move(record)); }
+VadRun::VadRun(int rateHz, const std::string& params, int blockSamples, Wanted wanted, RecordSink sink,
+               FrameSink frameSink)
+    : _rateHz(rateHz), _blockSamples(blockSamples), _wanted(wanted), _sink(std::move(sink)) {
+  _analyzer = std::make_unique<kt::AudioAnalyzer>(params, rateHz, wanted.frames);
+  if (wanted.frames || frameSink) {
+    _analyzer->SetFrameObserver([this, frameSink](const kt::FrameDecision& decision) {
+      if (_wanted.frames) _decisions.push_back(decision);
+      if (frameSink) frameSink(decision);
+    });
+  }
+  Emit({{"type", "stream"}, {"api", "classes"}, {"rateHz", rateHz}, {"blockSamples", blockSamples}});
+}
 
-void VadRun::AddEvent(const std::string& tag, double timeMs) {
-  Add({{"type", "event"}, {"tag", tag}, {"timeMs", timeMs}});
-  if (tag == "SpeechStart") {
+VadRun::VadRun(int rateHz, int blockSamples, Wanted wanted, RecordSink sink)
+    : _rateHz(rateHz), _blockSamples(blockSamples), _wanted(wanted), _sink(std::move(sink)) {
+  if (KTRVAD_Init(rateHz) != 0) throw std::runtime_error("KTRVAD_Init failed");
+  Emit({{"type", "stream"}, {"api", "c"}, {"rateHz", rateHz}, {"blockSamples", blockSamples}});
+}
+
+VadRun::~VadRun() {
+  if (!_analyzer) KTRVAD_Deinit();
+}
+
+void VadRun::AddEvent(const char* tag, double timeMs) {
+  Emit({{"type", "event"}, {"tag", tag}, {"timeMs", timeMs}});
+  const std::string name = tag;
+  if (name == "SpeechStart") {
     _openStartS = timeMs / 1000.0;
-  } else if (tag == "SpeechEnd" && _openStartS) {
-    _segments.emplace_back(*_openStartS, timeMs / 1000.0, false);
-    Add({{"type", "segment"}, {"start", *_openStartS}, {"end", timeMs / 1000.0}, {"open", false}});
+  } else if (name == "SpeechEnd" && _openStartS) {
+    // The end the flush gives an interrupted stream is where the input stopped, not speech.
+    const bool open = _finishing && _interrupted;
+    Emit({{"type", "segment"}, {"start", *_openStartS}, {"end", timeMs / 1000.0}, {"open", open}});
     _openStartS.reset();
   }
 }
 
 void VadRun::CloseOpenSegment(double endS) {
   if (!_openStartS) return;
-  _segments.emplace_back(*_openStartS, endS, true);
-  Add({{"type", "segment"}, {"start", *_openStartS}, {"end", endS}, {"open", true}});
+  Emit({{"type", "segment"}, {"start", *_openStartS}, {"end", endS}, {"open", true}});
   _openStartS.reset();
 }
 
-void VadRun::AddFrameTrace(const FrameTrace& trace) {
-  // NaN, a level not learnt yet, becomes null.
-  auto value = [](double db) { return std::isnan(db) ? nlohmann::ordered_json() : nlohmann::ordered_json(db); };
-  for (nlohmann::ordered_json& record : _records) {
-    if (record["type"] != "frame") continue;
-    const size_t i = record["frameIndex"].get<size_t>();
-    if (i >= trace.GetNumFrames()) continue;  // the flushed partial frame
-    record["energyDb"] = trace.GetEnergiesDb()[i];
-    record["startThresholdDb"] = trace.GetStartThresholdsDb()[i];
-    record["endThresholdDb"] = trace.GetEndThresholdsDb()[i];
-    record["noiseLevelDb"] = value(trace.GetNoiseLevelsDb()[i]);
-    record["speechLevelDb"] = value(trace.GetSpeechLevelsDb()[i]);
+void VadRun::Process(const kt::AudioData& block) {
+  _samples += block.size();
+  if (_analyzer) {
+    _analyzer->Process(block);
+    Drain();
+    return;
   }
-}
-
-VadRun VadRun::ThroughClasses(const kt::AudioData& samples, int rateHz, const std::string& params,
-                              int blockSamples) {
-  VadRun run;
-  run.Add(StreamRecord("classes", rateHz, blockSamples, samples.size()));
-  kt::AudioAnalyzer analyzer(params, rateHz, true);
-  const double frameMs = analyzer.GetFrameSizeMs();
-  auto drain = [&]() {
-    kt::AnalyzerResultPtr result;
-    while (analyzer.GetResult(result)) {
-      if (result->GetType() == kt::AnalyzerResult::RT_Event) {
-        const auto& event = static_cast<const kt::AnalyzerEvent&>(*result);
-        run.AddEvent(TagName(event.GetTag()), event.GetTimeMs());
-      } else if (result->GetType() == kt::AnalyzerResult::RT_VolumeMeter) {
-        const auto& meter = static_cast<const kt::AnalyzerVolumeMeter&>(*result);
-        run.Add({{"type", "volume"},
-                 {"timeMs", meter.GetTimeMs()},
-                 {"volumedBFS", meter.GetVolumedBFS()},
-                 {"volume", meter.GetVolume()},
-                 {"snrVolumePct", meter.GetSNRVolumePct()},
-                 {"info", InfoName(meter.GetInfo())},
-                 {"isSpeechState", meter.IsSpeechState()}});
-      } else {
-        const auto& frame = static_cast<const kt::AnalyzerAudioFrame&>(*result);
-        run.Add({{"type", "frame"},
-                 {"frameIndex", frame.GetFrameIndex()},
-                 {"timeMs", frame.GetFrameIndex() * frameMs},
-                 {"isSpeechSegmentFrame", frame.IsSpeechSegmentFrame()},
-                 {"numSamples", frame.GetData().size()}});
-      }
+  const double reportMs = 1000.0 * static_cast<double>(_samples) / _rateHz;
+  int start = 1;
+  int result = KTRVAD_RESULT_NONE;
+  do {
+    double volumePct = 0.0;
+    int volumeInfo = 0;
+    const int code = KTRVAD_GetResult(start, block.data(), static_cast<unsigned int>(block.size() * sizeof(int16_t)),
+                                      &result, &volumePct, &volumeInfo);
+    if (code != 0) throw std::runtime_error("KTRVAD_GetResult returned " + std::to_string(code));
+    if (result == KTRVAD_RESULT_SPEECH_START) AddEvent("SpeechStart", reportMs);
+    if (result == KTRVAD_RESULT_SPEECH_END) AddEvent("SpeechEnd", reportMs);
+    if (result == KTRVAD_RESULT_VOLUME && _wanted.volume) {
+      Emit({{"type", "volume"}, {"timeMs", reportMs}, {"snrVolumePct", volumePct}, {"info", InfoName(volumeInfo)}});
     }
-  };
-  for (size_t begin = 0; begin < samples.size(); begin += blockSamples) {
-    const size_t end = std::min(samples.size(), begin + blockSamples);
-    analyzer.Process(kt::AudioData(samples.begin() + begin, samples.begin() + end));
-    drain();
-  }
-  analyzer.Flush();
-  drain();
-  run.CloseOpenSegment(static_cast<double>(samples.size()) / rateHz);
-  return run;
+    start = 0;
+  } while (result != KTRVAD_RESULT_NONE);
 }
 
-VadRun VadRun::ThroughCInterface(const kt::AudioData& samples, int rateHz, int blockSamples) {
-  VadRun run;
-  run.Add(StreamRecord("c", rateHz, blockSamples, samples.size()));
-  if (KTRVAD_Init(rateHz) != 0) throw std::runtime_error("KTRVAD_Init failed");
-  for (size_t begin = 0; begin < samples.size(); begin += blockSamples) {
-    const size_t end = std::min(samples.size(), begin + blockSamples);
-    const double reportMs = 1000.0 * static_cast<double>(end) / rateHz;
-    int start = 1;
-    int result = KTRVAD_RESULT_NONE;
-    do {
-      double volumePct = 0.0;
-      int volumeInfo = 0;
-      const int code = KTRVAD_GetResult(start, samples.data() + begin,
-                                        static_cast<unsigned int>((end - begin) * sizeof(int16_t)),
-                                        &result, &volumePct, &volumeInfo);
-      if (code != 0) {
-        KTRVAD_Deinit();
-        throw std::runtime_error("KTRVAD_GetResult returned " + std::to_string(code));
+void VadRun::Drain() {
+  const double frameMs = _analyzer->GetFrameSizeMs();
+  kt::AnalyzerResultPtr result;
+  while (_analyzer->GetResult(result)) {
+    if (result->GetType() == kt::AnalyzerResult::RT_Event) {
+      const auto& event = static_cast<const kt::AnalyzerEvent&>(*result);
+      AddEvent(TagName(event.GetTag()), event.GetTimeMs());
+    } else if (result->GetType() == kt::AnalyzerResult::RT_VolumeMeter) {
+      if (!_wanted.volume) continue;
+      const auto& meter = static_cast<const kt::AnalyzerVolumeMeter&>(*result);
+      Emit({{"type", "volume"},
+            {"timeMs", meter.GetTimeMs()},
+            {"volumedBFS", meter.GetVolumedBFS()},
+            {"volume", meter.GetVolume()},
+            {"snrVolumePct", meter.GetSNRVolumePct()},
+            {"info", InfoName(meter.GetInfo())},
+            {"isSpeechState", meter.IsSpeechState()}});
+    } else if (_wanted.frames) {
+      const auto& frame = static_cast<const kt::AnalyzerAudioFrame&>(*result);
+      nlohmann::ordered_json record = {{"type", "frame"},
+                                       {"frameIndex", frame.GetFrameIndex()},
+                                       {"timeMs", frame.GetFrameIndex() * frameMs},
+                                       {"isSpeechSegmentFrame", frame.IsSpeechSegmentFrame()},
+                                       {"numSamples", frame.GetData().size()}};
+      // Every whole frame is decided before its result comes out; the flushed partial one is not.
+      while (!_decisions.empty() && _decisions.front().frameIndex < frame.GetFrameIndex()) _decisions.pop_front();
+      if (!_decisions.empty() && _decisions.front().frameIndex == frame.GetFrameIndex()) {
+        const kt::FrameDecision& d = _decisions.front();
+        record["energyDb"] = d.energy;
+        record["startThresholdDb"] = d.speechStartThreshold;
+        record["endThresholdDb"] = d.speechEndThreshold;
+        record["noiseLevelDb"] = Level(d.noiseLevel);
+        record["speechLevelDb"] = Level(d.speechLevel);
+        _decisions.pop_front();
       }
-      if (result == KTRVAD_RESULT_SPEECH_START) run.AddEvent("SpeechStart", reportMs);
-      if (result == KTRVAD_RESULT_SPEECH_END) run.AddEvent("SpeechEnd", reportMs);
-      if (result == KTRVAD_RESULT_VOLUME) {
-        run.Add({{"type", "volume"},
-                 {"timeMs", reportMs},
-                 {"snrVolumePct", volumePct},
-                 {"info", InfoName(volumeInfo)}});
-      }
-      start = 0;
-    } while (result != KTRVAD_RESULT_NONE);
+      Emit(record);
+    }
   }
-  KTRVAD_Deinit();
-  run.CloseOpenSegment(static_cast<double>(samples.size()) / rateHz);
-  return run;
+}
+
+void VadRun::Finish(bool interrupted) {
+  _finishing = true;
+  _interrupted = interrupted;
+  if (_analyzer) {
+    _analyzer->Flush();
+    Drain();
+  }
+  CloseOpenSegment(static_cast<double>(_samples) / _rateHz);
+  Emit({{"type", "end"}, {"samples", _samples}, {"interrupted", interrupted}});
 }
 
 }  // namespace ktcli

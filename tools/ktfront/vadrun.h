@@ -1,23 +1,23 @@
 #pragma once
-// One pass of the speech analyzer over a recording, through the classes or the C
-// interface, kept as JSON records in the order the results came out.
+// The speech analyzer fed block by block, through the classes or the C interface; every
+// result becomes a JSON record handed on as soon as the block that produced it is done.
+#include <deque>
+#include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "audiodata.h"
+#include "audioanalyzer.h"
 
 namespace ktcli {
-
-class FrameTrace;
 
 class Segment {
  public:
   Segment(double startS, double endS, bool open) : _startS(startS), _endS(endS), _open(open) {}
   double GetStartS() const { return _startS; }
   double GetEndS() const { return _endS; }
-  // Still in speech when the recording ended (only the C interface leaves one open).
+  // Not ended by the analyzer: the input ended (C interface) or was interrupted.
   bool IsOpen() const { return _open; }
 
  private:
@@ -28,29 +28,45 @@ class Segment {
 
 class VadRun {
  public:
-  // kt::AudioAnalyzer with the parameter string, fed block by block, then flushed.
-  static VadRun ThroughClasses(const kt::AudioData& samples, int rateHz, const std::string& params,
-                               int blockSamples);
-  // KTRVAD_* with its defaults; every pending result is fetched after each block. Times
-  // are when the host hears of a result: the end of the block whose call reported it.
-  static VadRun ThroughCInterface(const kt::AudioData& samples, int rateHz, int blockSamples);
+  using RecordSink = std::function<void(const nlohmann::ordered_json&)>;
+  using FrameSink = std::function<void(const kt::FrameDecision&)>;
 
-  // Adds to every whole frame's record the energy, thresholds and levels it was decided by.
-  void AddFrameTrace(const FrameTrace& trace);
+  // Which records to build: segments and events always, the others on request.
+  struct Wanted {
+    bool volume = false;
+    bool frames = false;
+  };
 
-  // Records of type "stream", "event", "volume", "frame" and "segment".
-  const std::vector<nlohmann::ordered_json>& GetRecords() const { return _records; }
-  const std::vector<Segment>& GetSegments() const { return _segments; }
+  // kt::AudioAnalyzer with the parameter string; flushed by Finish.
+  VadRun(int rateHz, const std::string& params, int blockSamples, Wanted wanted, RecordSink sink,
+         FrameSink frameSink = nullptr);
+  // KTRVAD_* with its defaults; every pending result is fetched after each block. Times are
+  // when the host hears of a result: the end of the block whose call reported it.
+  VadRun(int rateHz, int blockSamples, Wanted wanted, RecordSink sink);
+  ~VadRun();
+  VadRun(const VadRun&) = delete;
+  VadRun& operator=(const VadRun&) = delete;
+
+  void Process(const kt::AudioData& block);
+  // Ends the stream: the analyzer's flush through the classes, and a segment still going on
+  // closed at the end, marked open when interrupted or through the C interface.
+  void Finish(bool interrupted);
 
  private:
-  VadRun() = default;
-  void Add(nlohmann::ordered_json record);
-  // Pairs starts with ends into segments; an end without a start is ignored.
-  void AddEvent(const std::string& tag, double timeMs);
+  void Drain();
+  void AddEvent(const char* tag, double timeMs);
   void CloseOpenSegment(double endS);
+  void Emit(const nlohmann::ordered_json& record) { _sink(record); }
 
-  std::vector<nlohmann::ordered_json> _records;
-  std::vector<Segment> _segments;
+  int _rateHz;
+  int _blockSamples;
+  Wanted _wanted;
+  RecordSink _sink;
+  std::unique_ptr<kt::AudioAnalyzer> _analyzer;  // null through the C interface
+  std::deque<kt::FrameDecision> _decisions;      // decided frames whose result is still held back
+  uint64_t _samples = 0;
+  bool _finishing = false;
+  bool _interrupted = false;
   std::optional<double> _openStartS;
 };
 

@@ -1,0 +1,153 @@
+#include "source.h"
+
+#include <soxr.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
+namespace ktcli {
+namespace {
+
+constexpr int kSupportedRatesHz[] = {16000, 11025, 8000};
+constexpr sf_count_t kChunkFrames = 4096;
+
+short ToSample(double fullScaleOne) {
+  const double v = std::round(fullScaleOne * 32768.0);
+  return static_cast<short>(v > 32767.0 ? 32767.0 : (v < -32768.0 ? -32768.0 : v));
+}
+
+std::string NameOf(const std::string& path) { return path == "-" ? "standard input" : path; }
+
+}  // namespace
+
+// libsoxr's high quality, streaming, single-threaded: 20-bit precision, linear phase.
+class Resampler {
+ public:
+  Resampler(int fromHz, int toHz) : _ratio(static_cast<double>(toHz) / fromHz) {
+    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+    const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
+    const soxr_runtime_spec_t runtime = soxr_runtime_spec(1);
+    soxr_error_t error = nullptr;
+    _soxr = soxr_create(fromHz, toHz, 1, &error, &io, &quality, &runtime);
+    if (error) throw std::runtime_error(std::string("cannot resample: ") + error);
+  }
+  ~Resampler() { soxr_delete(_soxr); }
+  Resampler(const Resampler&) = delete;
+  Resampler& operator=(const Resampler&) = delete;
+
+  // Appends what the input gives to out; no input drains the filter's tail.
+  void Process(const std::vector<float>& in, std::vector<float>& out) {
+    size_t offset = 0;
+    do {
+      const size_t room = static_cast<size_t>(std::ceil((in.size() - offset) * _ratio)) + 64;
+      const size_t at = out.size();
+      out.resize(at + room);
+      size_t used = 0;
+      size_t made = 0;
+      const soxr_error_t error = soxr_process(_soxr, in.empty() ? nullptr : in.data() + offset,
+                                              in.size() - offset, &used, out.data() + at, room, &made);
+      if (error) throw std::runtime_error(std::string("resampling failed: ") + error);
+      out.resize(at + made);
+      offset += used;
+      if (in.empty() && made == 0) break;
+    } while (offset < in.size() || in.empty());
+  }
+
+ private:
+  double _ratio;
+  soxr_t _soxr = nullptr;
+};
+
+int AudioSource::AnalysisRateFor(int rateHz) {
+  for (const int supported : kSupportedRatesHz) {
+    if (supported <= rateHz) return supported;
+  }
+  return 0;
+}
+
+AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(path)) {
+  // The system's own words for a missing, unreadable or wrong kind of file.
+  struct stat status {};
+  if (path != "-" && stat(path.c_str(), &status) != 0) {
+    throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+  }
+  if (path != "-" && S_ISDIR(status.st_mode)) throw std::runtime_error("cannot read " + path + ": it is a directory");
+  if (rawRateHz > 0) {
+    _info.samplerate = rawRateHz;
+    _info.channels = 1;
+    _info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+  }
+  _file = path == "-" ? sf_open_fd(STDIN_FILENO, SFM_READ, &_info, SF_FALSE)
+                      : sf_open(path.c_str(), SFM_READ, &_info);
+  if (!_file) {
+    std::string why = sf_strerror(nullptr);
+    if (path == "-" && rawRateHz == 0) why += " (raw audio needs --rate)";
+    throw std::runtime_error("cannot read " + _name + ": " + why);
+  }
+  // Float files hold -1..1; read them scaled to the 16-bit range like integer ones.
+  sf_command(_file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
+  _rateHz = AnalysisRateFor(_info.samplerate);
+  if (_rateHz == 0) {
+    sf_close(_file);
+    throw std::runtime_error("unsupported sampling rate " + std::to_string(_info.samplerate) +
+                             " Hz in " + _name + ": at least 8000 Hz is needed");
+  }
+  if (_rateHz != _info.samplerate) _resampler = std::make_unique<Resampler>(_info.samplerate, _rateHz);
+  _sourceChunk.resize(static_cast<size_t>(kChunkFrames * _info.channels));
+}
+
+AudioSource::~AudioSource() { sf_close(_file); }
+
+bool AudioSource::Read() {
+  if (_ended) return false;
+  const size_t channels = static_cast<size_t>(_info.channels);
+  _sourceChunk.resize(static_cast<size_t>(kChunkFrames) * channels);
+  const sf_count_t frames = sf_readf_short(_file, _sourceChunk.data(), kChunkFrames);
+  if (sf_error(_file) != SF_ERR_NO_ERROR) {
+    throw std::runtime_error("cannot read " + _name + ": " + sf_strerror(_file));
+  }
+  _sourceChunk.resize(static_cast<size_t>(frames) * channels);
+  _framesRead += static_cast<uint64_t>(frames);
+  if (frames == 0) {
+    _ended = true;
+    // A seekable file knows its length: ending short of it means the file was cut.
+    if (_info.seekable && _info.frames > 0 && _framesRead < static_cast<uint64_t>(_info.frames)) {
+      throw std::runtime_error(_name + " is truncated: " + std::to_string(_framesRead) + " of " +
+                               std::to_string(_info.frames) + " frames read");
+    }
+    if (_framesRead == 0) throw std::runtime_error(_name + " holds no audio");
+  }
+  _samples.clear();
+  if (channels == 1 && !_resampler) {
+    _samples.assign(_sourceChunk.begin(), _sourceChunk.end());
+  } else {
+    _mono.resize(static_cast<size_t>(frames));
+    for (size_t i = 0; i < _mono.size(); ++i) {
+      double sum = 0.0;
+      for (size_t c = 0; c < channels; ++c) sum += _sourceChunk[i * channels + c];
+      _mono[i] = static_cast<float>(sum / static_cast<double>(channels) / 32768.0);
+    }
+    if (_resampler) {
+      std::vector<float> resampled;
+      _resampler->Process(_mono, resampled);
+      _mono.swap(resampled);
+    }
+    _samples.resize(_mono.size());
+    for (size_t i = 0; i < _mono.size(); ++i) _samples[i] = ToSample(_mono[i]);
+  }
+  _samplesRead += _samples.size();
+  return frames > 0 || !_samples.empty();
+}
+
+std::string AudioSource::Describe() const {
+  std::string text = _name + ": " + std::to_string(_rateHz) + " Hz";
+  if (_rateHz != _info.samplerate) text += ", resampled from " + std::to_string(_info.samplerate) + " Hz";
+  if (_info.channels > 1) text += ", " + std::to_string(_info.channels) + " channels mixed to mono";
+  return text;
+}
+
+}  // namespace ktcli

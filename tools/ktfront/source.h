@@ -1,0 +1,58 @@
+#pragma once
+// The input read chunk by chunk: the source as stored, and the same stretch mixed to mono
+// and resampled to the rate the services run at.
+#include <sndfile.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "audiodata.h"
+
+namespace ktcli {
+
+class Resampler;
+
+class AudioSource {
+ public:
+  // path "-" reads standard input. rawRateHz > 0 reads headerless 16-bit little-endian
+  // mono at that rate; 0 lets libsndfile recognise the format. Throws std::runtime_error.
+  AudioSource(const std::string& path, int rawRateHz);
+  ~AudioSource();
+  AudioSource(const AudioSource&) = delete;
+  AudioSource& operator=(const AudioSource&) = delete;
+
+  // The highest rate the library supports that is not above rateHz; 0 below 8000 Hz.
+  static int AnalysisRateFor(int rateHz);
+
+  // Reads the next chunk; false once the input and the resampler's tail are exhausted.
+  // A read error, or a file shorter than its header says, throws std::runtime_error.
+  bool Read();
+  // This chunk: interleaved source frames, and the analysis-rate samples they gave.
+  const std::vector<short>& GetSourceChunk() const { return _sourceChunk; }
+  const kt::AudioData& GetSamples() const { return _samples; }
+  uint64_t GetSamplesRead() const { return _samplesRead; }
+
+  int GetRateHz() const { return _rateHz; }
+  int GetSourceRateHz() const { return _info.samplerate; }
+  int GetSourceChannels() const { return _info.channels; }
+  const std::string& GetName() const { return _name; }
+  // One line for the user: which rate the services run at and how it was reached.
+  std::string Describe() const;
+
+ private:
+  std::string _name;
+  SF_INFO _info{};
+  SNDFILE* _file = nullptr;
+  int _rateHz = 0;
+  std::unique_ptr<Resampler> _resampler;
+  std::vector<short> _sourceChunk;
+  std::vector<float> _mono;
+  kt::AudioData _samples;
+  uint64_t _framesRead = 0;
+  uint64_t _samplesRead = 0;
+  bool _ended = false;
+};
+
+}  // namespace ktcli
