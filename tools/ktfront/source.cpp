@@ -88,6 +88,15 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
     if (path == "-" && rawRateHz == 0) why += " (raw audio needs --rate)";
     throw std::runtime_error("cannot read " + _name + ": " + why);
   }
+  // libsndfile trusts the file over a header that claims more data, and only logs it.
+  char log[4096] = {};
+  sf_command(_file, SFC_GET_LOG_INFO, log, sizeof log);
+  for (const char* chunk : {"\ndata :", "\nSSND :"}) {
+    const char* line = std::strstr(log, chunk);
+    const char* lineEnd = line ? std::strchr(line + 1, '\n') : nullptr;
+    const char* claim = line ? std::strstr(line, "(should be ") : nullptr;
+    if (claim && (!lineEnd || claim < lineEnd)) _truncated = true;
+  }
   // Float files hold -1..1; read them scaled to the 16-bit range like integer ones.
   sf_command(_file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
   _rateHz = AnalysisRateFor(_info.samplerate);
@@ -115,9 +124,9 @@ bool AudioSource::Read() {
   if (frames == 0) {
     _ended = true;
     // A seekable file knows its length: ending short of it means the file was cut.
-    if (_info.seekable && _info.frames > 0 && _framesRead < static_cast<uint64_t>(_info.frames)) {
-      throw std::runtime_error(_name + " is truncated: " + std::to_string(_framesRead) + " of " +
-                               std::to_string(_info.frames) + " frames read");
+    if (_truncated || (_info.seekable && _info.frames > 0 && _framesRead < static_cast<uint64_t>(_info.frames))) {
+      throw std::runtime_error("cannot read " + _name + ": the file is truncated after " +
+                               std::to_string(_framesRead) + " frames");
     }
     if (_framesRead == 0) throw std::runtime_error(_name + " holds no audio");
   }

@@ -53,6 +53,7 @@ class AudioSource {
   uint64_t _framesRead = 0;
   uint64_t _samplesRead = 0;
   bool _ended = false;
+  bool _truncated = false;  // the header promised more data than the file holds
 };
 
 }  // namespace ktcli
