@@ -40,7 +40,8 @@ KTFRONT_API int KTRVAD_Init(const double dSamplingRate_p);
  * reading (then *pdVolumePcnt_p and *piVolumeInfo_p are set). Poll with iStart_p zero
  * until *piResult_p is 0 to get every result. */
 KTFRONT_API int KTRVAD_GetResult(const int iStart_p, const void* pvData_p,
-                                 const unsigned int uiDataSize_p, int* piResult_p, double* pdVolumePcnt_p, int* piVolumeInfo_p);
+                                 const unsigned int uiDataSize_p, int* piResult_p,
+                                 double* pdVolumePcnt_p, int* piVolumeInfo_p);
 
 /* Deletes the analyzer and its pending results; 0 also when there was none. */
 KTFRONT_API int KTRVAD_Deinit(void);
