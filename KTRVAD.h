@@ -7,6 +7,8 @@
 #ifndef KTRVAD_H
 #define KTRVAD_H
 
+#include "export.h"
+
 #ifdef __cplusplus
 namespace kt {
 class AudioAnalyzer;
@@ -29,7 +31,7 @@ extern "C" {
 
 /* Replaces any analyzer with a fresh one; 8000, 11025 and 16000 Hz are supported.
  * An unsupported rate returns -2 and leaves no analyzer. */
-int KTRVAD_Init(const double dSamplingRate_p);
+KTFRONT_API int KTRVAD_Init(const double dSamplingRate_p);
 
 /* iStart_p non-zero: analyse the block of uiDataSize_p bytes of 16-bit mono samples at
  * pvData_p (machine byte order) and reset the volume outputs to 0. iStart_p zero: only
@@ -37,16 +39,17 @@ int KTRVAD_Init(const double dSamplingRate_p);
  * Reports at most one result: 0 none pending, 1 speech start, 2 speech end, 3 a volume
  * reading (then *pdVolumePcnt_p and *piVolumeInfo_p are set). Poll with iStart_p zero
  * until *piResult_p is 0 to get every result. */
-int KTRVAD_GetResult(const int iStart_p, const void* pvData_p, const unsigned int uiDataSize_p,
-                     int* piResult_p, double* pdVolumePcnt_p, int* piVolumeInfo_p);
+KTFRONT_API int KTRVAD_GetResult(const int iStart_p, const void* pvData_p,
+                                 const unsigned int uiDataSize_p, int* piResult_p,
+                                 double* pdVolumePcnt_p, int* piVolumeInfo_p);
 
 /* Deletes the analyzer and its pending results; 0 also when there was none. */
-int KTRVAD_Deinit(void);
+KTFRONT_API int KTRVAD_Deinit(void);
 
 #ifdef __cplusplus
 /* The analyzer in use, null without one. Exported unmangled like the functions, but
  * declared for C++ hosts only: C has no type for it. */
-extern kt::AudioAnalyzer* g_pAudioAnalyzer;
+extern KTFRONT_API kt::AudioAnalyzer* g_pAudioAnalyzer;
 }
 #endif
 

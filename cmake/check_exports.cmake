@@ -1,17 +1,50 @@
-# Fails unless LIBRARY exports every name in SYMBOLS as a defined, unmangled symbol.
-# Usage: cmake -DLIBRARY=lib.so -DNM=nm "-DSYMBOLS=a;b" -P check_exports.cmake
+# Fails unless the shared LIBRARY exports exactly the symbols listed in EXPECTED: one
+# demangled name a line as `nm -D --defined-only -C` prints it; '#' starts a comment.
+# Usage: cmake -DLIBRARY=lib.so -DEXPECTED=list.txt [-DNM=nm] -P check_exports.cmake
 if(NOT NM)
   set(NM nm)
 endif()
-execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
-  OUTPUT_VARIABLE exported RESULT_VARIABLE status)
-if(NOT status EQUAL 0)
-  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
+execute_process(COMMAND ${NM} -D --defined-only -C ${LIBRARY}
+  OUTPUT_VARIABLE table RESULT_VARIABLE status)
+if(NOT status EQUAL 0 OR table STREQUAL "")
+  message(FATAL_ERROR "${NM} could not read the dynamic symbols of ${LIBRARY}")
 endif()
-foreach(symbol ${SYMBOLS})
-  # One line per symbol: address, type letter, name; a C++ name would be mangled.
-  if(NOT exported MATCHES "(^|\n)[0-9a-fA-F]+ [A-Za-z] ${symbol}(\n|$)")
-    message(FATAL_ERROR "${LIBRARY} does not export ${symbol} with C linkage")
+
+# Lines are "address type name"; a constructor or destructor shows once per variant.
+string(REPLACE ";" "\\;" table "${table}")
+string(REPLACE "\n" ";" table "${table}")
+set(exported "")
+foreach(line IN LISTS table)
+  if(line MATCHES "^[0-9a-fA-F]+ [A-Za-z] (.+)$")
+    list(APPEND exported "${CMAKE_MATCH_1}")
+  elseif(NOT line STREQUAL "")
+    message(FATAL_ERROR "unexpected ${NM} line: ${line}")
   endif()
 endforeach()
-message(STATUS "${LIBRARY} exports ${SYMBOLS}")
+list(REMOVE_DUPLICATES exported)
+
+file(STRINGS ${EXPECTED} lines)
+set(expected "")
+foreach(line IN LISTS lines)
+  string(STRIP "${line}" line)
+  if(NOT line STREQUAL "" AND NOT line MATCHES "^#")
+    list(APPEND expected "${line}")
+  endif()
+endforeach()
+
+set(unexpected ${exported})
+set(missing ${expected})
+if(expected)
+  list(REMOVE_ITEM unexpected ${expected})
+endif()
+if(exported)
+  list(REMOVE_ITEM missing ${exported})
+endif()
+if(unexpected OR missing)
+  list(JOIN unexpected "\n  " unexpected)
+  list(JOIN missing "\n  " missing)
+  message(FATAL_ERROR "${LIBRARY} does not export what ${EXPECTED} lists.\n"
+    "Exported but not listed:\n  ${unexpected}\nListed but not exported:\n  ${missing}")
+endif()
+list(LENGTH exported count)
+message(STATUS "${LIBRARY} exports the ${count} listed symbols")

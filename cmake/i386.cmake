@@ -9,3 +9,5 @@ set(CMAKE_CXX_FLAGS_INIT "-m32 -msse2 -mfpmath=sse")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-i386;-L;/)
+# Debian's name for the target, for the library folder of an install to /usr.
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)

@@ -6,7 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "KTRAGC.h"
+#include <ktfront/KTRAGC.h>
 #include "wav_header.h"
 
 /* The recording at a volume of lVolume / lBound, saturated to 16 bits. */

@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "KTRVAD.h"
+#include <ktfront/KTRVAD.h>
 #include "wav_header.h"
 
 static const char* InfoName(int info) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "audiodata.h"
+#include "export.h"
 #include "highpassfilter.h"
 
 namespace kt {
@@ -92,7 +93,7 @@ class AGC {
       std::fill(_groups.begin(), _groups.end(), 0);
     }
 
-    void Update(float x);
+    KTFRONT_API void Update(float x);
 
     int GetNumSamples() const {
       const int w = GetWindowSize();
@@ -114,29 +115,29 @@ class AGC {
 
     // Lower edge (dB) of the first bin, walked from the bottom (b) or the top, at which
     // at least minSamples levels and percent of all levels have been passed.
-    float GetLevel(int percent, bool b, int minSamples) const;
+    KTFRONT_API float GetLevel(int percent, bool b, int minSamples) const;
   };
 
-  AGC(const std::string& keyValuePairs, int samplingRate);
+  KTFRONT_API AGC(const std::string& keyValuePairs, int samplingRate);
 
   // Starts over: phase, clock, levels and filter memory. Keeps configuration,
   // buffered audio and log stream.
-  void Reset();
+  KTFRONT_API void Reset();
 
   // The gain to set next, given the block recorded at currentGain. A gain outside 0 to 1
   // (or NaN) is refused with std::invalid_argument("currentGain >= 0.0f") or
   // ("currentGain <= 1.0f") before anything changes.
-  float ComputeGain(const AudioData& a, float currentGain);
+  KTFRONT_API float ComputeGain(const AudioData& a, float currentGain);
   // The same on the scale 0 to 65535; an unchanged gain comes back bit for bit.
-  unsigned short ComputeGain(const AudioData& a, unsigned short gain);
+  KTFRONT_API unsigned short ComputeGain(const AudioData& a, unsigned short gain);
 
   // The neutral gain, returned for a current gain of 0.
-  float GetMedianGain() const;
+  KTFRONT_API float GetMedianGain() const;
 
   // Random walk of at most one step per call, within about a factor of 3.16 of the
   // first gain this process passed in. A test aid; a is ignored. Refuses a gain outside
   // 0 to 1 as ComputeGain does.
-  float ComputeGainRandom(const AudioData& a, float currentGain) const;
+  KTFRONT_API float ComputeGainRandom(const AudioData& a, float currentGain) const;
 
   void SetLogStream(ostreamptr logStream) { _logStream = std::move(logStream); }
   // Called once per decision, after its log line; an empty function removes it. An
@@ -149,9 +150,10 @@ class AGC {
 
   static int GetFrameSizeMs() { return 20; }
 
-  static float ComputePower(AudioData::const_iterator first, AudioData::const_iterator last);
-  static float ComputeClippingFraction(AudioData::const_iterator first,
+  KTFRONT_API static float ComputePower(AudioData::const_iterator first,
                                        AudioData::const_iterator last);
+  KTFRONT_API static float ComputeClippingFraction(AudioData::const_iterator first,
+                                                   AudioData::const_iterator last);
 
  private:
   friend class AGCTestAccess;

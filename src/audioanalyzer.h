@@ -8,6 +8,7 @@
 
 #include "audiodata.h"
 #include "energyhistogram.h"
+#include "export.h"
 #include "highpassfilter.h"
 #include "parameters.h"
 
@@ -137,18 +138,19 @@ class AudioAnalyzer {
 
   // Throws std::invalid_argument: "Sampling rate" unless 8000, 11025 or 16000 Hz,
   // "Invalid format" or "Value out of range" for a bad parameter string.
-  AudioAnalyzer(const std::string& keyValuePairs, double samplingRate, bool supplyFrameData);
+  KTFRONT_API AudioAnalyzer(const std::string& keyValuePairs, double samplingRate,
+                            bool supplyFrameData);
 
   // Back to the initial measuring state; configuration and queued results stay.
-  void Reset();
-  void UpdateParameters(const std::string& keyValuePairs);
+  KTFRONT_API void Reset();
+  KTFRONT_API void UpdateParameters(const std::string& keyValuePairs);
   // Any block length; samples short of a frame wait for the next block.
-  void Process(const AudioData& audioData);
+  KTFRONT_API void Process(const AudioData& audioData);
   // Ends the utterance: decides all stored frames, releases the leftover samples as a
   // short last frame and closes an open speech segment at the end of the audio.
-  void Flush();
+  KTFRONT_API void Flush();
   // Takes the oldest queued result; false and `result` untouched when there is none.
-  bool GetResult(AnalyzerResultPtr& result);
+  KTFRONT_API bool GetResult(AnalyzerResultPtr& result);
 
   // Called once per decided whole frame, in decision order, from Process and Flush; an
   // empty function removes it. Frames are decided with one frame of look-ahead, and the
@@ -159,7 +161,7 @@ class AudioAnalyzer {
   static std::vector<std::string> GetParameterKeys();
 
   // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
-  void SetEOSTimeout(int timeoutMs);
+  KTFRONT_API void SetEOSTimeout(int timeoutMs);
   int GetEOSTimeout() const { return _eosTimeoutMs; }
   int GetSamplesPerFrame() const { return _samplesPerFrame; }
   double GetFrameSizeMs() const { return _frameSizeMs; }

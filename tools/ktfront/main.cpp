@@ -4,6 +4,7 @@
 #include <string>
 
 #include "commands.h"
+#include "ktfront/version.h"
 #include "output.h"
 
 namespace {
@@ -37,7 +38,7 @@ CLI::Option* AddApiOption(CLI::App* command, std::string& api) {
 int main(int argc, char** argv) {
   CLI::App app{"ktfront: speech activity detection and gain control over recordings", "ktfront"};
   app.require_subcommand(1);
-  app.set_version_flag("--version", "ktfront 0.1.0");
+  app.set_version_flag("--version", "ktfront " KTFRONT_VERSION_STRING);
 
   ktcli::VadOptions vad;
   CLI::App* vadCommand = app.add_subcommand("vad", "Print one \"start end\" line in seconds per speech segment");
