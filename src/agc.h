@@ -146,7 +146,7 @@ class AGC {
     _decisionObserver = std::move(observer);
   }
   // Every key the constructor reads.
-  static std::vector<std::string> GetParameterKeys();
+  KTFRONT_API static std::vector<std::string> GetParameterKeys();
 
   static int GetFrameSizeMs() { return 20; }
 

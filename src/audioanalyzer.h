@@ -156,9 +156,9 @@ class AudioAnalyzer {
   // empty function removes it. Frames are decided with one frame of look-ahead, and the
   // first ones all at once when the first threshold is computed. An exception from the
   // observer leaves Process or Flush; the frame counts as decided.
-  void SetFrameObserver(std::function<void(const FrameDecision&)> observer);
+  KTFRONT_API void SetFrameObserver(std::function<void(const FrameDecision&)> observer);
   // Every key UpdateParameters reads, its histogram's included.
-  static std::vector<std::string> GetParameterKeys();
+  KTFRONT_API static std::vector<std::string> GetParameterKeys();
 
   // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
   KTFRONT_API void SetEOSTimeout(int timeoutMs);
