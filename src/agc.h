@@ -129,6 +129,9 @@ class AGC {
   float ComputeGain(const AudioData& a, float currentGain);
   // The same on the scale 0 to 65535; an unchanged gain comes back bit for bit.
   unsigned short ComputeGain(const AudioData& a, unsigned short gain);
+  // Both for samples held elsewhere (a binding's array), read in place.
+  float ComputeGain(const int16_t* samples, size_t count, float currentGain);
+  unsigned short ComputeGain(const int16_t* samples, size_t count, unsigned short gain);
 
   // The neutral gain, returned for a current gain of 0.
   float GetMedianGain() const;
