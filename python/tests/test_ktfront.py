@@ -1,9 +1,7 @@
 """The module against the C++ classes (bench's ktfront_dump), the ktfront tool, and Dask."""
 import json, os, subprocess, sys, threading, wave
-import numpy as np
-import pytest
-import ktfront
-from ktfront import corpus
+import numpy as np, pytest
+import ktfront, ktfront.corpus as corpus
 
 SAMPLES = os.environ.get("KTFRONT_SAMPLES_DIR", os.path.join(os.path.dirname(__file__), "../../samples"))
 WAVS = [os.path.join(SAMPLES, f) for f in ("message_8000.wav", "directions_11025.wav", "forecast_16000.wav")]
@@ -17,16 +15,13 @@ def fnv(samples):  # the dump's hash of a frame's samples
 
 def row(r):  # a result as the dump prints it
     if r.type == "event": return ("e", TAGS.index(r.tag), r.time_ms)
-    if r.type == "volume":
-        return ("m", INFOS.index(r.info), r.volume_dbfs, r.volume, r.snr_volume_pct, r.time_ms, int(r.is_speech_state))
+    if r.type == "volume": return ("m", INFOS.index(r.info), r.volume_dbfs, r.volume, r.snr_volume_pct, r.time_ms, int(r.is_speech_state))
     samples = r.samples if r.samples is not None else np.zeros(0, np.int16)
     return ("f", r.frame_index, int(r.is_speech), len(samples), fnv(samples))
 
-def parse_dump(line):
-    k, *f = line.split()
-    conv = {"e": (int, float.fromhex), "m": (int,) + (float.fromhex,) * 4 + (int,), "a": (float.fromhex, int),
-            "f": (int, int, int, lambda x: int(x, 16))}[k]
-    return (k,) + tuple(c(x) for c, x in zip(conv, f))
+CONVERT = {"e": (int, float.fromhex), "m": (int,) + (float.fromhex,) * 4 + (int,), "a": (float.fromhex, int),
+           "f": (int, int, int, lambda x: int(x, 16))}
+def parse_dump(line): k, *f = line.split(); return (k,) + tuple(c(x) for c, x in zip(CONVERT[k], f))
 
 @pytest.mark.skipif(not DUMP, reason="needs bench's ktfront_dump (-DKTFRONT_BUILD_BENCH=ON)")
 def test_bit_identical_to_classes():
@@ -55,8 +50,7 @@ def run_tool(path, params, block_ms):
 def test_load_segments_frames_as_the_tool(tmp_path):
     s, _ = ktfront.load(WAVS[2])  # stereo at 48 kHz: the tool mixes down and resamples to 16 kHz
     with wave.open(str(tmp_path / "stereo.wav"), "wb") as w:
-        w.setnchannels(2); w.setsampwidth(2); w.setframerate(48000)
-        w.writeframes(np.stack([np.repeat(s, 3), np.repeat(s, 3) // 3], axis=1).tobytes())
+        w.setparams((2, 2, 48000, 0, "NONE", "NONE")); w.writeframes(np.stack([np.repeat(s, 3), np.repeat(s, 3) // 3], axis=1).tobytes())
     for path, params, block_ms in [(WAVS[0], "", 20), (WAVS[1], "EOSTimeoutMs=200", 30), (str(tmp_path / "stereo.wav"), "", 7)]:
         records = run_tool(path, params, block_ms)
         samples, rate = ktfront.load(path)
@@ -86,8 +80,7 @@ def test_errors_are_clear_and_lose_nothing(tmp_path):
                         (lambda: ktfront.load(tmp_path / "missing.wav"), OSError), (lambda: ktfront.load(tmp_path), OSError)]:
         with pytest.raises(error): call()
     assert [row(r) for r in an.process(s)] == expected
-    def reenter(d): an2.process(s[:10])
-    an2 = ktfront.Analyzer(rate, on_frame=reenter)
+    an2 = ktfront.Analyzer(rate, on_frame=lambda d: an2.process(s[:10]))
     with pytest.raises(RuntimeError, match="own callback"): an2.process(s)
     with pytest.raises(KeyError): ktfront.Analyzer(rate, on_frame=lambda d: {}["raised"]).process(s)
 
@@ -106,20 +99,17 @@ def test_blocks_read_in_place():
 def test_gil_released_for_parallel_analyzers():
     s, rate = ktfront.load(WAVS[2])
     expected = [row(r) for r in ktfront.Analyzer(rate).process(s)]
-    results, done, interval = {}, [], sys.getswitchinterval()
+    results, done, interval, an = {}, [], sys.getswitchinterval(), ktfront.Analyzer(rate)
     def work():
-        an = ktfront.Analyzer(rate)
-        results["a"] = [row(r) for _ in range(20) for r in an.process(s)][:len(expected)]
-        done.append(True)
+        results["a"] = [row(r) for _ in range(20) for r in an.process(s)][:len(expected)]; done.append(True)
     sys.setswitchinterval(100)  # no forced switch: the main thread runs only when process lets go of the GIL
     try:
         t = threading.Thread(target=work); t.start()
-        assert not done
-        results["b"] = [row(r) for r in ktfront.Analyzer(rate).process(s)]
+        done_early, results["b"] = bool(done), [row(r) for r in ktfront.Analyzer(rate).process(s)]
     finally:
         sys.setswitchinterval(interval)
     t.join()
-    assert results["a"] == results["b"] == expected
+    assert not done_early and results["a"] == results["b"] == expected
 
 def test_dask_table_matches_serial(tmp_path):
     from dask.distributed import Client, LocalCluster
