@@ -1,6 +1,7 @@
 # Fails unless the shared LIBRARY exports exactly the symbols listed in EXPECTED: one
 # demangled name a line as `nm -D --defined-only -C` prints it; '#' starts a comment.
-# Usage: cmake -DLIBRARY=lib.so -DEXPECTED=list.txt [-DNM=nm] -P check_exports.cmake
+# "{size_t}" in a name stands for the platform's size_t as nm spells it.
+# Usage: cmake -DLIBRARY=lib.so -DEXPECTED=list.txt -DSIZEOF_VOID_P=8 [-DNM=nm] -P check_exports.cmake
 if(NOT NM)
   set(NM nm)
 endif()
@@ -23,11 +24,17 @@ foreach(line IN LISTS table)
 endforeach()
 list(REMOVE_DUPLICATES exported)
 
+if(SIZEOF_VOID_P EQUAL 8)
+  set(size_t "unsigned long")
+else()
+  set(size_t "unsigned int")
+endif()
 file(STRINGS ${EXPECTED} lines)
 set(expected "")
 foreach(line IN LISTS lines)
   string(STRIP "${line}" line)
   if(NOT line STREQUAL "" AND NOT line MATCHES "^#")
+    string(REPLACE "{size_t}" "${size_t}" line "${line}")
     list(APPEND expected "${line}")
   endif()
 endforeach()

@@ -150,15 +150,19 @@ void CheckGain(float currentGain) {
 }  // namespace
 
 float AGC::ComputeGain(const AudioData& a, float currentGain) {
+  return ComputeGain(a.data(), a.size(), currentGain);
+}
+
+float AGC::ComputeGain(const int16_t* samples, size_t count, float currentGain) {
   CheckGain(currentGain);
-  const double blockMs = static_cast<double>(a.size()) * 1000.0 / _samplingRate;
+  const double blockMs = static_cast<double>(count) * 1000.0 / _samplingRate;
   if (!(currentGain > 0.0f)) {
     _timeMs += blockMs;
     _state = Initial;
     _h.Reset();
     return GetMedianGain();  // the block is not buffered
   }
-  _audioBuffer.insert(_audioBuffer.end(), a.begin(), a.end());
+  if (count) _audioBuffer.insert(_audioBuffer.end(), samples, samples + count);
   _timeMs += blockMs;  // after the append, so a failed one changes nothing
 
   const size_t samplesPerFrame = static_cast<size_t>(GetSamplesPerFrame());
@@ -176,8 +180,12 @@ float AGC::ComputeGain(const AudioData& a, float currentGain) {
 }
 
 unsigned short AGC::ComputeGain(const AudioData& a, unsigned short gain) {
+  return ComputeGain(a.data(), a.size(), gain);
+}
+
+unsigned short AGC::ComputeGain(const int16_t* samples, size_t count, unsigned short gain) {
   const float g = static_cast<float>(gain) / 65535.0f;
-  const float r = ComputeGain(a, g);
+  const float r = ComputeGain(samples, count, g);
   if (r == g) return gain;
   return static_cast<unsigned short>(r * 65535.0f);  // float product, truncated
 }

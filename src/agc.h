@@ -130,6 +130,9 @@ class AGC {
   KTFRONT_API float ComputeGain(const AudioData& a, float currentGain);
   // The same on the scale 0 to 65535; an unchanged gain comes back bit for bit.
   KTFRONT_API unsigned short ComputeGain(const AudioData& a, unsigned short gain);
+  // Both for samples held elsewhere (a binding's array), read in place.
+  KTFRONT_API float ComputeGain(const int16_t* samples, size_t count, float currentGain);
+  KTFRONT_API unsigned short ComputeGain(const int16_t* samples, size_t count, unsigned short gain);
 
   // The neutral gain, returned for a current gain of 0.
   KTFRONT_API float GetMedianGain() const;

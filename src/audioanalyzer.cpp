@@ -110,7 +110,11 @@ void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs) {
 }
 
 void AudioAnalyzer::Process(const AudioData& audioData) {
-  _audioBuffer.insert(_audioBuffer.end(), audioData.begin(), audioData.end());
+  Process(audioData.data(), audioData.size());
+}
+
+void AudioAnalyzer::Process(const int16_t* samples, size_t count) {
+  if (count) _audioBuffer.insert(_audioBuffer.end(), samples, samples + count);
   const size_t samplesPerFrame = static_cast<size_t>(_samplesPerFrame);
   size_t i = 0;
   try {

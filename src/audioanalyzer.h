@@ -146,6 +146,8 @@ class AudioAnalyzer {
   KTFRONT_API void UpdateParameters(const std::string& keyValuePairs);
   // Any block length; samples short of a frame wait for the next block.
   KTFRONT_API void Process(const AudioData& audioData);
+  // The same for samples held elsewhere (a binding's array): read in place, not copied first.
+  KTFRONT_API void Process(const int16_t* samples, size_t count);
   // Ends the utterance: decides all stored frames, releases the leftover samples as a
   // short last frame and closes an open speech segment at the end of the audio.
   KTFRONT_API void Flush();
