@@ -165,11 +165,13 @@ std::string FormatScores(const std::vector<std::string>& names, const std::vecto
   auto row = [&](const std::string& name, const Score& s) {
     char text[512];
     const double reference = s.referenceS;
-    std::snprintf(text, sizeof text, "%-*s %8.3f %8.3f %6s %8.3f %6s %7s %4d/%-4d %4d/%-4d\n", static_cast<int>(width),
+    const std::string recall = std::to_string(s.referenceFound) + "/" + std::to_string(s.referenceCount);
+    const std::string precision = std::to_string(s.detectedTrue) + "/" + std::to_string(s.detectedCount);
+    std::snprintf(text, sizeof text, "%-*s %8.3f %8.3f %6s %8.3f %6s %7s %9s %9s\n", static_cast<int>(width),
                   name.c_str(), s.referenceS, s.missedS,
                   Percent(reference > 0 ? s.missedS / reference : NAN).c_str(), s.falseAlarmS,
                   Percent(reference > 0 ? s.falseAlarmS / reference : NAN).c_str(), Percent(s.ErrorRate()).c_str(),
-                  s.referenceFound, s.referenceCount, s.detectedTrue, s.detectedCount);
+                  recall.c_str(), precision.c_str());
     return std::string(text);
   };
   char header[256];
@@ -218,7 +220,9 @@ int RunEval(const EvalOptions& options) {
   }
   Score total;
   for (const Score& score : good) total += score;
-  if (options.json) {
+  if (good.empty()) {
+    // Nothing was scored; the errors above say why.
+  } else if (options.json) {
     WriteOut(json + ToJson("total", "", total).dump() + "\n");
   } else {
     WriteOut(FormatScores(names, good));
