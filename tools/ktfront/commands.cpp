@@ -15,6 +15,7 @@
 #include "agc.h"
 #include "agcrun.h"
 #include "audioanalyzer.h"
+#include "labels.h"
 #include "output.h"
 #include "outputfile.h"
 #include "parameters.h"
@@ -134,15 +135,10 @@ std::string PlainLine(const nlohmann::ordered_json& record, const VadOptions& op
   return "";
 }
 
-std::vector<Segment> ReadLabels(const std::string& path) {
+std::vector<Segment> ReadReference(const std::string& path, const std::string& recording) {
   std::vector<Segment> labels;
   if (path.empty()) return labels;
-  std::ifstream stream(path);
-  if (!stream) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
-  double start = 0.0;
-  double end = 0.0;
-  while (stream >> start >> end) labels.emplace_back(start, end, false);
-  if (!stream.eof()) throw std::runtime_error(path + ": expected lines of \"start end\" in seconds");
+  for (const Region& region : ktcli::ReadLabels(path, StemOf(recording))) labels.emplace_back(region.startS, region.endS, false);
   return labels;
 }
 
@@ -161,7 +157,14 @@ int RunVad(const VadOptions& options) {
   if (!throughC) CheckAnalyzerParams(options.params, rateHz);
   const int blockSamples = BlockSamples(options.input, rateHz);
   LineBuffer out;
+  const bool labelFormat = options.format != "plain" && options.format != "json";
+  LabelWriter labels(labelFormat ? ParseLabelFormat(options.format) : LabelFormat::Plain, StemOf(source.GetName()));
   auto sink = [&](const nlohmann::ordered_json& record) {
+    if (labelFormat) {
+      std::string text = labels.Take(record);
+      if (!text.empty()) text.pop_back();  // the buffer ends each addition with a newline
+      return out.Add(text);
+    }
     out.Add(options.json ? record.dump() : PlainLine(record, options));
   };
   const VadRun::Wanted wanted{options.volume || options.json, !throughC && (options.frames || options.json)};
@@ -361,7 +364,7 @@ int RunPlot(const PlotOptions& options) {
   for (const std::string& path : options.outputs) {
     if (!Plot::IsSupportedFormat(path)) throw UsageError("cannot draw " + path + ": the picture must be .svg or .png");
   }
-  const std::vector<Segment> labels = ReadLabels(options.labelsPath);
+  const std::vector<Segment> labels = ReadReference(options.labelsPath, options.input.path);
   std::vector<PendingFile> files;
   for (const std::string& path : options.outputs) files.emplace_back(path);
   AudioSource source(options.input.path, options.input.rawRateHz);

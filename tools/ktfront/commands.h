@@ -26,6 +26,7 @@ struct VadOptions {
   bool volume = false;
   bool frames = false;
   bool json = false;
+  std::string format = "plain";  // or a label format: audacity, rttm, textgrid
 };
 
 struct SplitOptions {

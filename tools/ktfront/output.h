@@ -14,6 +14,8 @@ class ClosedPipe : public std::runtime_error {
 
 // Writes text and flushes it; throws ClosedPipe, or std::runtime_error for another failure.
 void WriteOut(const std::string& text);
+// From here on this thread's WriteOut appends to *into instead (nullptr: standard output).
+void CaptureOut(std::string* into);
 
 // From here on SIGINT and SIGTERM end the input instead of the process (a second one
 // ends the process), and a closed output pipe is an error instead of a signal.

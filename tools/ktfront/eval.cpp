@@ -1,0 +1,233 @@
+#include "eval.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "audioanalyzer.h"
+#include "commands.h"
+#include "jobs.h"
+#include "output.h"
+#include "source.h"
+#include "textformat.h"
+#include "vadrun.h"
+
+namespace ktcli {
+namespace {
+
+bool Inside(const std::vector<Region>& regions, double timeS) {
+  for (const Region& region : regions) {
+    if (region.startS <= timeS && timeS < region.endS) return true;
+  }
+  return false;
+}
+
+// Counts the regions of one side that share some time with a region of the other.
+int CountOverlapping(const std::vector<Region>& regions, const std::vector<Region>& others) {
+  return static_cast<int>(std::count_if(regions.begin(), regions.end(), [&](const Region& region) {
+    return std::any_of(others.begin(), others.end(), [&](const Region& other) {
+      return std::min(region.endS, other.endS) > std::max(region.startS, other.startS);
+    });
+  }));
+}
+
+std::string Percent(double fraction) { return std::isnan(fraction) ? "-" : Fixed(100.0 * fraction, 1); }
+
+nlohmann::ordered_json NumberOrNull(double value) {
+  return std::isnan(value) ? nlohmann::ordered_json() : nlohmann::ordered_json(value);
+}
+
+nlohmann::ordered_json ToJson(const std::string& type, const std::string& name, const Score& score) {
+  nlohmann::ordered_json record = {{"type", type}};
+  if (!name.empty()) record["file"] = name;
+  const double reference = score.referenceS;
+  record["referenceS"] = score.referenceS;
+  record["missedS"] = score.missedS;
+  record["falseAlarmS"] = score.falseAlarmS;
+  record["missedPct"] = NumberOrNull(reference > 0 ? 100.0 * score.missedS / reference : NAN);
+  record["falseAlarmPct"] = NumberOrNull(reference > 0 ? 100.0 * score.falseAlarmS / reference : NAN);
+  record["errorRatePct"] = NumberOrNull(100.0 * score.ErrorRate());
+  record["referenceSegments"] = score.referenceCount;
+  record["foundSegments"] = score.referenceFound;
+  record["recall"] = NumberOrNull(score.Recall());
+  record["detectedSegments"] = score.detectedCount;
+  record["trueSegments"] = score.detectedTrue;
+  record["precision"] = NumberOrNull(score.Precision());
+  return record;
+}
+
+}  // namespace
+
+Score& Score::operator+=(const Score& other) {
+  referenceS += other.referenceS;
+  missedS += other.missedS;
+  falseAlarmS += other.falseAlarmS;
+  referenceCount += other.referenceCount;
+  referenceFound += other.referenceFound;
+  detectedCount += other.detectedCount;
+  detectedTrue += other.detectedTrue;
+  return *this;
+}
+
+double Score::ErrorRate() const { return referenceS > 0 ? (missedS + falseAlarmS) / referenceS : NAN; }
+double Score::Recall() const { return referenceCount > 0 ? static_cast<double>(referenceFound) / referenceCount : NAN; }
+double Score::Precision() const { return detectedCount > 0 ? static_cast<double>(detectedTrue) / detectedCount : NAN; }
+
+Score Evaluate(const std::vector<Region>& referenceIn, const std::vector<Region>& detectedIn, double collarS) {
+  const std::vector<Region> reference = Normalize(referenceIn);
+  const std::vector<Region> detected = Normalize(detectedIn);
+  // Time within the collar of a reference boundary is not scored.
+  std::vector<Region> collars;
+  std::vector<double> cuts;
+  for (const Region& region : reference) {
+    for (const double boundary : {region.startS, region.endS}) {
+      if (collarS > 0) collars.push_back({boundary - collarS, boundary + collarS});
+      cuts.push_back(boundary);
+      if (collarS > 0) cuts.insert(cuts.end(), {boundary - collarS, boundary + collarS});
+    }
+  }
+  collars = Normalize(collars);
+  for (const Region& region : detected) cuts.insert(cuts.end(), {region.startS, region.endS});
+  std::sort(cuts.begin(), cuts.end());
+  Score score;
+  // Between two neighbouring cuts nothing changes, so the middle decides for the whole piece.
+  for (size_t i = 1; i < cuts.size(); ++i) {
+    const double length = cuts[i] - cuts[i - 1];
+    const double middle = (cuts[i] + cuts[i - 1]) / 2;
+    if (length <= 0 || Inside(collars, middle)) continue;
+    const bool speech = Inside(reference, middle);
+    const bool found = Inside(detected, middle);
+    if (speech) score.referenceS += length;
+    if (speech && !found) score.missedS += length;
+    if (!speech && found) score.falseAlarmS += length;
+  }
+  score.referenceCount = static_cast<int>(reference.size());
+  score.referenceFound = CountOverlapping(reference, detected);
+  score.detectedCount = static_cast<int>(detected.size());
+  score.detectedTrue = CountOverlapping(detected, reference);
+  return score;
+}
+
+Recording Decode(const std::string& path, int rawRateHz) {
+  AudioSource source(path, rawRateHz);
+  Recording recording;
+  recording.name = path;
+  recording.rateHz = source.GetRateHz();
+  while (source.Read()) {
+    const kt::AudioData& samples = source.GetSamples();
+    recording.samples.insert(recording.samples.end(), samples.begin(), samples.end());
+  }
+  return recording;
+}
+
+std::vector<Region> Detect(const Recording& recording, const std::string& params, int blockMs) {
+  std::vector<Region> regions;
+  const size_t blockSamples = std::max<size_t>(1, static_cast<size_t>(blockMs) * recording.rateHz / 1000);
+  VadRun run(recording.rateHz, params, static_cast<int>(blockSamples), VadRun::Wanted{},
+             [&](const nlohmann::ordered_json& record) {
+               if (record["type"] == "segment") regions.push_back({record["start"].get<double>(), record["end"].get<double>()});
+             });
+  kt::AudioData block;
+  for (size_t at = 0; at < recording.samples.size(); at += blockSamples) {
+    const auto first = recording.samples.begin() + static_cast<std::ptrdiff_t>(at);
+    block.assign(first, first + static_cast<std::ptrdiff_t>(std::min(blockSamples, recording.samples.size() - at)));
+    run.Process(block);
+  }
+  run.Finish(false);
+  return regions;
+}
+
+std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const std::vector<std::string>& labels,
+                                    int rawRateHz, int jobs, std::vector<std::string>& errors) {
+  if (labels.size() > 1 && labels.size() != files.size()) {
+    throw UsageError(std::to_string(labels.size()) + " label files for " + std::to_string(files.size()) +
+                     " recordings: give one for all, one per recording, or none to find them beside the recordings");
+  }
+  std::vector<Recording> recordings(files.size());
+  errors = ParallelFor(files.size(), jobs, [&](size_t i) {
+    std::string labelPath = labels.empty() ? FindLabelsFor(files[i]) : labels[labels.size() == 1 ? 0 : i];
+    if (labelPath.empty()) {
+      throw std::runtime_error("no labels for " + files[i] + " (looked for " + StemOf(files[i]) +
+                               ".labels, .txt, .rttm, .TextGrid, .json beside it)");
+    }
+    const std::vector<Region> reference = ReadLabels(labelPath, StemOf(files[i]));
+    recordings[i] = Decode(files[i], rawRateHz);
+    recordings[i].reference = reference;
+  });
+  return recordings;
+}
+
+std::string FormatScores(const std::vector<std::string>& names, const std::vector<Score>& scores) {
+  size_t width = 5;
+  for (const std::string& name : names) width = std::max(width, name.size());
+  auto row = [&](const std::string& name, const Score& s) {
+    char text[512];
+    const double reference = s.referenceS;
+    const std::string recall = std::to_string(s.referenceFound) + "/" + std::to_string(s.referenceCount);
+    const std::string precision = std::to_string(s.detectedTrue) + "/" + std::to_string(s.detectedCount);
+    std::snprintf(text, sizeof text, "%-*s %8.3f %8.3f %6s %8.3f %6s %7s %9s %9s\n", static_cast<int>(width),
+                  name.c_str(), s.referenceS, s.missedS,
+                  Percent(reference > 0 ? s.missedS / reference : NAN).c_str(), s.falseAlarmS,
+                  Percent(reference > 0 ? s.falseAlarmS / reference : NAN).c_str(), Percent(s.ErrorRate()).c_str(),
+                  recall.c_str(), precision.c_str());
+    return std::string(text);
+  };
+  char header[256];
+  std::snprintf(header, sizeof header, "%-*s %8s %8s %6s %8s %6s %7s %9s %9s\n", static_cast<int>(width), "file",
+                "speech_s", "missed_s", "%", "f.a._s", "%", "error%", "recall", "precision");
+  std::string text = header;
+  Score total;
+  for (size_t i = 0; i < scores.size(); ++i) {
+    text += row(names[i], scores[i]);
+    total += scores[i];
+  }
+  return text + row("total", total);
+}
+
+void CheckParams(const std::string& params) {
+  try {
+    kt::AudioAnalyzer(params, 16000, false);
+  } catch (const std::invalid_argument& e) {
+    throw std::runtime_error("invalid parameter string \"" + params + "\": " + e.what());
+  }
+}
+
+int RunEval(const EvalOptions& options) {
+  CheckParams(options.params);
+  const std::vector<std::string> files = ExpandManifests(options.files);
+  std::vector<std::string> errors;
+  const std::vector<Recording> recordings = LoadLabelled(files, options.labels, options.rawRateHz, options.jobs, errors);
+  std::vector<Score> scores(files.size());
+  const std::vector<std::string> detectErrors = ParallelFor(files.size(), options.jobs, [&](size_t i) {
+    if (errors[i].empty()) scores[i] = Evaluate(recordings[i].reference, Detect(recordings[i], options.params, options.blockMs), options.collarS);
+  });
+  std::vector<std::string> names;
+  std::vector<Score> good;
+  std::string json;
+  bool failed = false;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const std::string& why = errors[i].empty() ? detectErrors[i] : errors[i];
+    if (!why.empty()) {
+      std::cerr << "ktfront: error: " << why << "\n";
+      failed = true;
+      continue;
+    }
+    names.push_back(files[i]);
+    good.push_back(scores[i]);
+    if (options.json) json += ToJson("file", files[i], scores[i]).dump() + "\n";
+  }
+  Score total;
+  for (const Score& score : good) total += score;
+  if (good.empty()) {
+    // Nothing was scored; the errors above say why.
+  } else if (options.json) {
+    WriteOut(json + ToJson("total", "", total).dump() + "\n");
+  } else {
+    WriteOut(FormatScores(names, good));
+  }
+  return failed ? 1 : 0;
+}
+
+}  // namespace ktcli

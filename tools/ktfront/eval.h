@@ -1,0 +1,70 @@
+#pragma once
+// Scoring detected speech against reference labels, and the recordings held in memory
+// that eval and tune run the analyzer over.
+#include <string>
+#include <vector>
+
+#include "audiodata.h"
+#include "labels.h"
+
+namespace ktcli {
+
+// Missed speech and false alarm in seconds, outside the collars around reference
+// boundaries; and how many regions on either side overlap one on the other.
+struct Score {
+  double referenceS = 0.0;
+  double missedS = 0.0;
+  double falseAlarmS = 0.0;
+  int referenceCount = 0;
+  int referenceFound = 0;
+  int detectedCount = 0;
+  int detectedTrue = 0;
+
+  Score& operator+=(const Score& other);
+  // (missed + false alarm) / reference speech; NaN without reference speech.
+  double ErrorRate() const;
+  // Found reference regions / reference regions, and true detections / detections; NaN for none.
+  double Recall() const;
+  double Precision() const;
+};
+
+Score Evaluate(const std::vector<Region>& reference, const std::vector<Region>& detected, double collarS);
+
+// A recording decoded once: mono at the rate the analyzer runs at.
+struct Recording {
+  std::string name;
+  int rateHz = 0;
+  kt::AudioData samples;
+  std::vector<Region> reference;
+};
+
+Recording Decode(const std::string& path, int rawRateHz);
+// The analyzer through the classes over the samples in blocks, flushed at the end, as vad runs it.
+std::vector<Region> Detect(const Recording& recording, const std::string& params, int blockMs);
+
+// Decodes every file and reads its labels: labels.size() 0 (found beside each recording),
+// 1 (one file for all; RTTM lines picked by stem) or one per file. errors[i] is empty for
+// a file that loaded.
+std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const std::vector<std::string>& labels,
+                                    int rawRateHz, int jobs, std::vector<std::string>& errors);
+
+// A table with one row per named score and a total row.
+std::string FormatScores(const std::vector<std::string>& names, const std::vector<Score>& scores);
+
+struct EvalOptions {
+  std::vector<std::string> files;
+  std::vector<std::string> labels;
+  std::string params;
+  double collarS = 0.0;
+  bool json = false;
+  int jobs = 0;
+  int blockMs = 20;
+  int rawRateHz = 0;
+};
+
+// Refuses a parameter string the analyzer refuses, with its reason.
+void CheckParams(const std::string& params);
+
+int RunEval(const EvalOptions& options);
+
+}  // namespace ktcli

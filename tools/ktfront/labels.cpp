@@ -1,0 +1,348 @@
+#include "labels.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
+
+#include "textformat.h"
+
+namespace ktcli {
+namespace {
+
+class LabelError : public std::runtime_error {
+ public:
+  LabelError(const std::string& path, int line, const std::string& what)
+      : std::runtime_error(path + ":" + std::to_string(line) + ": " + what) {}
+};
+
+bool ParseNumber(const std::string& token, double& value) {
+  if (token.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  value = std::strtod(token.c_str(), &end);
+  return end == token.c_str() + token.size() && errno == 0 && std::isfinite(value);
+}
+
+// Times are kept to the millisecond, so a region written and read back is the same region.
+long Ms(double seconds) { return std::lround(seconds * 1000.0); }
+std::string Seconds(long ms) { return Fixed(static_cast<double>(ms) / 1000.0, 3); }
+
+std::vector<std::string> Split(const std::string& line, char separator) {
+  std::vector<std::string> fields;
+  if (separator == ' ') {
+    std::istringstream stream(line);
+    for (std::string field; stream >> field;) fields.push_back(field);
+    return fields;
+  }
+  std::string field;
+  std::istringstream stream(line);
+  while (std::getline(stream, field, separator)) fields.push_back(field);
+  return fields;
+}
+
+void AddRegion(std::vector<Region>& regions, const std::string& path, int line, const std::string& startText,
+               const std::string& endText, bool isDuration) {
+  double start = 0.0;
+  double end = 0.0;
+  if (!ParseNumber(startText, start)) throw LabelError(path, line, "\"" + startText + "\" is not a time in seconds");
+  if (!ParseNumber(endText, end)) {
+    throw LabelError(path, line, "\"" + endText + "\" is not a " + (isDuration ? "duration" : "time") + " in seconds");
+  }
+  if (isDuration) end += start;
+  if (start < 0.0) throw LabelError(path, line, "negative time " + startText);
+  if (end < start) throw LabelError(path, line, "region ends before it starts");
+  regions.push_back({start, end});
+}
+
+enum class Kind { Plain, Audacity, Rttm, TextGrid, Json };
+
+Kind Recognize(const std::string& text) {
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    const size_t first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos) continue;
+    const std::string rest = line.substr(first);
+    if (rest.rfind("File type", 0) == 0 || rest.find("ooTextFile") != std::string::npos) return Kind::TextGrid;
+    if (rest[0] == '{') return Kind::Json;
+    if (rest.rfind("SPEAKER", 0) == 0 || rest.rfind(";;", 0) == 0 || rest.rfind("SPKR-INFO", 0) == 0) {
+      return Kind::Rttm;
+    }
+    if (rest.find('\t') != std::string::npos) return Kind::Audacity;
+    if (rest[0] != '#') return Kind::Plain;
+  }
+  return Kind::Plain;
+}
+
+// Praat writes TextGrids long ("xmin = 0") or short (the bare values); both are the same
+// sequence of numbers and strings once names, "=" and "[1]:" are left out.
+struct Token {
+  bool isText;
+  std::string text;
+  double number;
+  int line;
+};
+
+std::vector<Token> TextGridTokens(const std::string& text) {
+  std::vector<Token> tokens;
+  int line = 1;
+  for (size_t at = 0; at < text.size();) {
+    const char c = text[at];
+    if (c == '\n') ++line;
+    if (std::isspace(static_cast<unsigned char>(c))) {
+      ++at;
+    } else if (c == '"') {
+      std::string value;
+      const int startLine = line;
+      for (++at; at < text.size(); ++at) {
+        if (text[at] == '"' && at + 1 < text.size() && text[at + 1] == '"') {
+          value += '"';
+          ++at;
+        } else if (text[at] == '"') {
+          break;
+        } else {
+          if (text[at] == '\n') ++line;
+          value += text[at];
+        }
+      }
+      ++at;
+      tokens.push_back({true, value, 0.0, startLine});
+    } else {
+      const size_t end = text.find_first_of(" \t\r\n", at);
+      const std::string word = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      double number = 0.0;
+      if ((std::isdigit(static_cast<unsigned char>(c)) || c == '-' || c == '+' || c == '.') && ParseNumber(word, number)) {
+        tokens.push_back({false, "", number, line});
+      }
+      at += word.size();
+    }
+  }
+  return tokens;
+}
+
+std::vector<Region> ParseTextGrid(const std::string& text, const std::string& path) {
+  const std::vector<Token> tokens = TextGridTokens(text);
+  size_t at = 0;
+  auto next = [&](bool wantText, const char* what) -> const Token& {
+    if (at >= tokens.size()) {
+      throw LabelError(path, tokens.empty() ? 1 : tokens.back().line, std::string("TextGrid ends where ") + what + " was expected");
+    }
+    const Token& token = tokens[at++];
+    if (token.isText != wantText) throw LabelError(path, token.line, std::string("expected ") + what);
+    return token;
+  };
+  auto count = [&](const char* what) {
+    const Token& token = next(false, what);
+    if (token.number < 0 || token.number != std::floor(token.number)) throw LabelError(path, token.line, std::string("bad ") + what);
+    return static_cast<long>(token.number);
+  };
+  if (next(true, "\"ooTextFile\"").text != "ooTextFile" || next(true, "\"TextGrid\"").text != "TextGrid") {
+    throw LabelError(path, tokens[at - 1].line, "not a TextGrid");
+  }
+  next(false, "xmin");
+  next(false, "xmax");
+  const long tiers = count("number of tiers");
+  for (long tier = 0; tier < tiers; ++tier) {
+    const std::string kind = next(true, "tier class").text;
+    next(true, "tier name");
+    next(false, "xmin");
+    next(false, "xmax");
+    const long items = count("number of intervals");
+    if (kind == "IntervalTier") {
+      std::vector<Region> regions;
+      for (long i = 0; i < items; ++i) {
+        const Token& start = next(false, "interval xmin");
+        const Token& end = next(false, "interval xmax");
+        const std::string label = next(true, "interval text").text;
+        // Empty (or blank) intervals are the pauses.
+        if (label.find_first_not_of(" \t\r\n") == std::string::npos) continue;
+        AddRegion(regions, path, start.line, Fixed(start.number, 9), Fixed(end.number, 9), false);
+      }
+      return regions;
+    }
+    if (kind != "TextTier") throw LabelError(path, tokens[at - 1].line, "unknown tier class \"" + kind + "\"");
+    for (long i = 0; i < items; ++i) {
+      next(false, "point time");
+      next(true, "point mark");
+    }
+  }
+  throw LabelError(path, tokens.empty() ? 1 : tokens.back().line, "TextGrid has no interval tier");
+}
+
+std::vector<Region> ParseLines(const std::string& text, const std::string& path, Kind kind, const std::string& fileId) {
+  std::vector<Region> regions;
+  std::vector<std::pair<std::string, Region>> rttm;
+  std::istringstream stream(text);
+  int number = 0;
+  for (std::string line; std::getline(stream, line);) {
+    ++number;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    const std::vector<std::string> words = Split(line, ' ');
+    if (words.empty() || words[0][0] == '#') continue;
+    if (kind == Kind::Json) {
+      nlohmann::json record;
+      try {
+        record = nlohmann::json::parse(line);
+      } catch (const nlohmann::json::exception&) {
+        throw LabelError(path, number, "not a JSON object");
+      }
+      if (!record.is_object() || record.value("type", "") != "segment") continue;
+      if (!record.contains("start") || !record.contains("end") || !record["start"].is_number() || !record["end"].is_number()) {
+        throw LabelError(path, number, "segment without numeric start and end");
+      }
+      AddRegion(regions, path, number, Fixed(record["start"].get<double>(), 9), Fixed(record["end"].get<double>(), 9), false);
+    } else if (kind == Kind::Rttm) {
+      if (words[0] != "SPEAKER") continue;  // comments and other record types
+      if (words.size() < 5) throw LabelError(path, number, "expected SPEAKER FILE CHANNEL START DURATION ...");
+      std::vector<Region> one;
+      AddRegion(one, path, number, words[3], words[4], true);
+      rttm.emplace_back(words[1], one[0]);
+    } else if (kind == Kind::Audacity) {
+      if (line[0] == '\\') continue;  // a spectral selection belonging to the label above
+      const std::vector<std::string> fields = Split(line, '\t');
+      if (fields.size() < 2) throw LabelError(path, number, "expected START<TAB>END<TAB>LABEL");
+      AddRegion(regions, path, number, fields[0], fields[1], false);
+    } else {
+      // vad's plain output may carry volume and frame lines and mark a segment "open".
+      if (words[0] == "volume" || words[0] == "frame") continue;
+      if (words.size() < 2 || words.size() > 3 || (words.size() == 3 && words[2] != "open")) {
+        throw LabelError(path, number, "expected \"start end\" in seconds");
+      }
+      AddRegion(regions, path, number, words[0], words[1], false);
+    }
+  }
+  if (kind == Kind::Rttm) {
+    const bool matches = std::any_of(rttm.begin(), rttm.end(), [&](const auto& entry) { return entry.first == fileId; });
+    for (const auto& entry : rttm) {
+      if (!matches || entry.first == fileId) regions.push_back(entry.second);
+    }
+  }
+  return regions;
+}
+
+}  // namespace
+
+LabelFormat ParseLabelFormat(const std::string& name) {
+  if (name == "plain") return LabelFormat::Plain;
+  if (name == "audacity") return LabelFormat::Audacity;
+  if (name == "rttm") return LabelFormat::Rttm;
+  if (name == "textgrid") return LabelFormat::TextGrid;
+  if (name == "json") return LabelFormat::Json;
+  throw std::invalid_argument("unknown label format \"" + name + "\"");
+}
+
+std::vector<Region> ParseLabels(const std::string& text, const std::string& path, const std::string& fileId) {
+  const Kind kind = Recognize(text);
+  return kind == Kind::TextGrid ? ParseTextGrid(text, path) : ParseLines(text, path, kind, fileId);
+}
+
+std::vector<Region> ReadLabels(const std::string& path, const std::string& fileId) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return ParseLabels(text.str(), path, fileId);
+}
+
+std::vector<Region> Normalize(std::vector<Region> regions) {
+  std::sort(regions.begin(), regions.end(), [](const Region& a, const Region& b) { return a.startS < b.startS; });
+  std::vector<Region> joined;
+  for (const Region& region : regions) {
+    if (!joined.empty() && region.startS <= joined.back().endS) {
+      joined.back().endS = std::max(joined.back().endS, region.endS);
+    } else {
+      joined.push_back(region);
+    }
+  }
+  return joined;
+}
+
+std::string StemOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const size_t dot = name.find_last_of('.');
+  return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+std::string FindLabelsFor(const std::string& recording) {
+  const size_t slash = recording.find_last_of('/');
+  const std::string base = (slash == std::string::npos ? "" : recording.substr(0, slash + 1)) + StemOf(recording);
+  for (const char* extension : {".labels", ".txt", ".rttm", ".TextGrid", ".json"}) {
+    struct stat status {};
+    if (stat((base + extension).c_str(), &status) == 0 && S_ISREG(status.st_mode)) return base + extension;
+  }
+  return "";
+}
+
+std::string LabelWriter::Line(const Region& region) const {
+  const long start = Ms(region.startS);
+  const long end = Ms(region.endS);
+  switch (_format) {
+    case LabelFormat::Audacity: return Seconds(start) + "\t" + Seconds(end) + "\tspeech\n";
+    case LabelFormat::Rttm:
+      return "SPEAKER " + _fileId + " 1 " + Seconds(start) + " " + Seconds(end - start) + " <NA> <NA> speech <NA> <NA>\n";
+    case LabelFormat::Json:
+      return "{\"type\":\"segment\",\"start\":" + Seconds(start) + ",\"end\":" + Seconds(end) + ",\"open\":false}\n";
+    default: return Seconds(start) + " " + Seconds(end) + "\n";
+  }
+}
+
+std::string LabelWriter::TextGrid(double durationS) const {
+  long cursor = 0;
+  std::vector<std::pair<std::pair<long, long>, bool>> intervals;
+  for (const Region& region : Normalize(_regions)) {
+    const long start = Ms(region.startS);
+    const long end = Ms(region.endS);
+    if (end <= start) continue;  // Praat allows no empty interval
+    if (start > cursor) intervals.push_back({{cursor, start}, false});
+    intervals.push_back({{start, end}, true});
+    cursor = end;
+  }
+  const long xmax = std::max(cursor, Ms(durationS));
+  if (xmax > cursor || intervals.empty()) intervals.push_back({{cursor, std::max(xmax, cursor + 1)}, false});
+  const std::string end = Seconds(intervals.back().first.second);
+  std::string text = "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0\nxmax = " + end +
+                     "\ntiers? <exists>\nsize = 1\nitem []:\n    item [1]:\n        class = \"IntervalTier\"\n"
+                     "        name = \"speech\"\n        xmin = 0\n        xmax = " + end +
+                     "\n        intervals: size = " + std::to_string(intervals.size()) + "\n";
+  for (size_t i = 0; i < intervals.size(); ++i) {
+    text += "        intervals [" + std::to_string(i + 1) + "]:\n            xmin = " + Seconds(intervals[i].first.first) +
+            "\n            xmax = " + Seconds(intervals[i].first.second) + "\n            text = \"" +
+            (intervals[i].second ? "speech" : "") + "\"\n";
+  }
+  return text;
+}
+
+std::string LabelWriter::Take(const nlohmann::ordered_json& record) {
+  const std::string type = record.value("type", "");
+  if (type == "stream") _rateHz = record["rateHz"].get<int>();
+  if (type == "segment") {
+    const Region region{record["start"].get<double>(), record["end"].get<double>()};
+    if (_format == LabelFormat::TextGrid) {
+      _regions.push_back(region);
+      return "";
+    }
+    return Line(region);
+  }
+  if (type == "end" && _format == LabelFormat::TextGrid) {
+    return TextGrid(_rateHz > 0 ? record["samples"].get<double>() / _rateHz : 0.0);
+  }
+  return "";
+}
+
+std::string LabelWriter::Write(const std::vector<Region>& regions, double durationS) {
+  if (_format == LabelFormat::TextGrid) {
+    _regions = regions;
+    return TextGrid(durationS);
+  }
+  std::string text;
+  for (const Region& region : regions) text += Line(region);
+  return text;
+}
+
+}  // namespace ktcli

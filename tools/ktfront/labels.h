@@ -1,0 +1,56 @@
+#pragma once
+// Speech regions as label files: the plain "start end" lines of samples/*.labels, Audacity
+// label tracks, RTTM and Praat TextGrid, read by content and written by vad.
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace ktcli {
+
+struct Region {
+  double startS = 0.0;
+  double endS = 0.0;
+};
+
+enum class LabelFormat { Plain, Audacity, Rttm, TextGrid, Json };
+
+// "plain", "audacity", "rttm", "textgrid" or "json"; throws std::invalid_argument.
+LabelFormat ParseLabelFormat(const std::string& name);
+
+// Reads speech regions from a label file in any of the formats, recognised by content.
+// fileId picks an RTTM file's lines for one recording when the file holds several.
+// Throws std::runtime_error "PATH:LINE: what is wrong".
+std::vector<Region> ReadLabels(const std::string& path, const std::string& fileId = "");
+std::vector<Region> ParseLabels(const std::string& text, const std::string& path, const std::string& fileId = "");
+
+// Sorted, with overlapping or touching regions joined.
+std::vector<Region> Normalize(std::vector<Region> regions);
+
+// The label file beside a recording: same stem, first of .labels .txt .rttm .TextGrid .json.
+// Empty when there is none.
+std::string FindLabelsFor(const std::string& recording);
+
+// The stem of a path: its file name without directory and extension.
+std::string StemOf(const std::string& path);
+
+// Turns vad's records into a label file: each segment as soon as it is found, TextGrid
+// (which states its length first) at the end of the stream.
+class LabelWriter {
+ public:
+  LabelWriter(LabelFormat format, std::string fileId) : _format(format), _fileId(std::move(fileId)) {}
+  // The text the record adds, often empty.
+  std::string Take(const nlohmann::ordered_json& record);
+  // All regions in one go, as Take would give them for a stream of durationS seconds.
+  std::string Write(const std::vector<Region>& regions, double durationS);
+
+ private:
+  std::string Line(const Region& region) const;
+  std::string TextGrid(double durationS) const;
+
+  LabelFormat _format;
+  std::string _fileId;
+  int _rateHz = 0;
+  std::vector<Region> _regions;
+};
+
+}  // namespace ktcli

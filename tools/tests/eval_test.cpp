@@ -1,0 +1,130 @@
+// Scoring by hand-computed cases, label formats written and read back, and the tool's
+// eval, tune and many-file runs end to end.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include "eval.h"
+#include "labels.h"
+
+namespace {
+
+using ktcli::Region;
+
+struct Case {
+  std::vector<Region> reference, detected;
+  double collarS, referenceS, missedS, falseAlarmS;
+  int found, detectedTrue;
+};
+
+TEST(Evaluate, HandComputedCases) {
+  const Case cases[] = {
+      {{{1, 3}}, {{2, 4}}, 0, 2, 1, 1, 1, 1},
+      {{{1, 3}}, {{2, 4}}, 0.25, 1.5, 0.75, 0.75, 1, 1},  // [0.75,1.25] and [2.75,3.25] unscored
+      // The worked example of docs/cli.md, without and with a collar.
+      {{{1, 3}, {5, 6}}, {{1.2, 3.5}, {4, 4.5}}, 0, 3, 1.2, 1.0, 1, 1},
+      {{{1, 3}, {5, 6}}, {{1.2, 3.5}, {4, 4.5}}, 0.1, 2.6, 0.9, 0.9, 1, 1},
+      {{{1, 2}, {1.5, 2.5}}, {{0, 1}, {2.5, 3}}, 0, 1.5, 1.5, 1.5, 0, 0},  // overlapping labels join; touching is no overlap
+      {{}, {{0, 1}}, 0.5, 0, 0, 1, 0, 0},  // empty reference: every detection is a false alarm
+      {{{0, 2}}, {}, 0, 2, 2, 0, 0, 0},    // empty detection
+  };
+  for (const Case& c : cases) {
+    const ktcli::Score s = ktcli::Evaluate(c.reference, c.detected, c.collarS);
+    EXPECT_NEAR(s.referenceS, c.referenceS, 1e-9);
+    EXPECT_NEAR(s.missedS, c.missedS, 1e-9);
+    EXPECT_NEAR(s.falseAlarmS, c.falseAlarmS, 1e-9);
+    EXPECT_EQ(s.referenceFound, c.found);
+    EXPECT_EQ(s.detectedTrue, c.detectedTrue);
+    if (c.referenceS > 0) {
+      EXPECT_NEAR(s.ErrorRate(), (c.missedS + c.falseAlarmS) / c.referenceS, 1e-9);
+    }
+  }
+  const ktcli::Score example = ktcli::Evaluate({{1, 3}, {5, 6}}, {{1.2, 3.5}, {4, 4.5}}, 0.1);
+  EXPECT_NEAR(example.ErrorRate(), 1.8 / 2.6, 1e-9);
+  EXPECT_EQ(example.Recall(), 0.5);
+  EXPECT_EQ(example.Precision(), 0.5);
+  EXPECT_TRUE(std::isnan(ktcli::Evaluate({}, {{0, 1}}, 0).ErrorRate()));
+}
+
+TEST(Labels, EveryFormatReadsBackToTheMillisecond) {
+  const std::vector<Region> regions = {{0.0004, 1.0596}, {5.18, 7.5805}};
+  for (const char* name : {"plain", "audacity", "rttm", "textgrid", "json"}) {
+    ktcli::LabelWriter writer(ktcli::ParseLabelFormat(name), "take");
+    const std::vector<Region> back = ktcli::ParseLabels(writer.Write(regions, 9.0), name, "take");
+    ASSERT_EQ(back.size(), 2u) << name;
+    for (size_t i = 0; i < 2; ++i) {
+      EXPECT_EQ(std::lround(back[i].startS * 1000), std::lround(regions[i].startS * 1000)) << name;
+      EXPECT_EQ(std::lround(back[i].endS * 1000), std::lround(regions[i].endS * 1000)) << name;
+    }
+  }
+  // Praat's short TextGrid; an RTTM of two recordings; Audacity's spectral lines.
+  const std::string shortGrid = "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n0\n3\n<exists>\n1\n"
+                                "\"IntervalTier\"\n\"vad\"\n0\n3\n3\n0\n1\n\"\"\n1\n2\n\"yes\"\n2\n3\n\" \"\n";
+  EXPECT_EQ(ktcli::ParseLabels(shortGrid, "g")[0].endS, 2.0);
+  const auto rttm = ktcli::ParseLabels("SPEAKER a 1 1 2 <NA> <NA> speech <NA> <NA>\nSPEAKER b 1 4 1 x\n", "r", "b");
+  EXPECT_TRUE(rttm.size() == 1 && rttm[0].startS == 4 && rttm[0].endS == 5);
+  EXPECT_EQ(ktcli::ParseLabels("1\t2\tspeech\n\\\t100\t200\n3\t4\n", "a").size(), 2u);
+  for (const char* bad : {"1 2\n3 x\n", "1 2\n\n4 3\n", "1\t2\nx\t3\n", "SPEAKER a 1 1\n", "{\"type\":\"segment\"}\n"}) {
+    try {
+      ktcli::ParseLabels(bad, "bad.txt");
+      ADD_FAILURE() << bad;
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(std::string(e.what()).rfind("bad.txt:", 0), 0u) << e.what();
+    }
+  }
+}
+
+std::string RunTool(const std::string& args, int& status) {
+  FILE* pipe = popen((std::string(KTFRONT_CLI) + " " + args + " 2>/dev/null").c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  status = WEXITSTATUS(pclose(pipe));
+  return out;
+}
+
+const std::string kSamples = KTFRONT_SAMPLES_DIR;
+
+TEST(Cli, EvalAgreesWithAMillisecondCountOfVadAndLabels) {
+  int status = 0;
+  for (const char* name : {"message_8000", "directions_11025"}) {
+    const std::string wav = kSamples + "/" + name + ".wav";
+    const auto detected = ktcli::ParseLabels(RunTool("vad " + wav, status), "vad");
+    const auto reference = ktcli::ReadLabels(kSamples + "/" + name + ".labels");
+    auto inside = [](const std::vector<Region>& regions, double t) {
+      for (const Region& r : regions) if (r.startS <= t && t < r.endS) return true;
+      return false;
+    };
+    double missed = 0, falseAlarm = 0;
+    for (int ms = 0; ms < 12000; ++ms) {
+      const double t = (ms + 0.5) / 1000;
+      missed += inside(reference, t) && !inside(detected, t) ? 0.001 : 0;
+      falseAlarm += !inside(reference, t) && inside(detected, t) ? 0.001 : 0;
+    }
+    const std::string out = RunTool("eval --json " + wav, status);
+    const auto total = nlohmann::json::parse(out.substr(out.rfind("{\"type\":\"total\"")));
+    EXPECT_EQ(status, 0);
+    EXPECT_NEAR(total["missedS"].get<double>(), missed, 0.0015) << name;
+    EXPECT_NEAR(total["falseAlarmS"].get<double>(), falseAlarm, 0.0015) << name;
+  }
+}
+
+TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
+  const std::string args = "tune --evals 24 --seed 7 " + kSamples + "/message_8000.wav " + kSamples +
+                           "/forecast_16000.wav --validate " + kSamples + "/directions_11025.wav";
+  int status = 0;
+  const std::string one = RunTool(args + " -j1", status);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(RunTool(args + " -j2", status), one);
+  EXPECT_NE(one.find("best: EOSTimeoutMs="), std::string::npos);
+  EXPECT_NE(one.find("validated on 1 other recordings"), std::string::npos);
+  const std::string many = RunTool("vad -j2 " + kSamples + "/message_8000.wav missing.wav " + kSamples + "/message_8000.wav", status);
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(many, "1.060 4.520\n5.180 7.580\n1.060 4.520\n5.180 7.580\n");
+}
+
+}  // namespace
