@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -15,9 +16,11 @@ namespace {
 constexpr int kSupportedRatesHz[] = {16000, 11025, 8000};
 constexpr sf_count_t kChunkFrames = 4096;
 
-short ToSample(double fullScaleOne) {
-  const double v = std::round(fullScaleOne * 32768.0);
-  return static_cast<short>(v > 32767.0 ? 32767.0 : (v < -32768.0 ? -32768.0 : v));
+// Rounds half away from zero, as std::round does, without a libm call per sample: a float
+// times 32768 plus one half is exact in double, so the truncation sees the true sum.
+short ToSample(float fullScaleOne) {
+  const double v = std::min(32767.0, std::max(-32768.0, static_cast<double>(fullScaleOne) * 32768.0));
+  return static_cast<short>(static_cast<int>(v + std::copysign(0.5, v)));
 }
 
 std::string NameOf(const std::string& path) { return path == "-" ? "standard input" : path; }
@@ -135,15 +138,22 @@ bool AudioSource::Read() {
     _samples.assign(_sourceChunk.begin(), _sourceChunk.end());
   } else {
     _mono.resize(static_cast<size_t>(frames));
-    for (size_t i = 0; i < _mono.size(); ++i) {
-      double sum = 0.0;
-      for (size_t c = 0; c < channels; ++c) sum += _sourceChunk[i * channels + c];
-      _mono[i] = static_cast<float>(sum / static_cast<double>(channels) / 32768.0);
+    const double scale = 1.0 / (static_cast<double>(channels) * 32768.0);
+    const short* in = _sourceChunk.data();
+    float* out = _mono.data();
+    if (channels == 2) {  // the common case, in a loop the compiler vectorises
+      for (size_t i = 0; i < _mono.size(); ++i) out[i] = static_cast<float>((in[2 * i] + in[2 * i + 1]) * scale);
+    } else {
+      for (size_t i = 0; i < _mono.size(); ++i) {
+        int sum = 0;
+        for (size_t c = 0; c < channels; ++c) sum += in[i * channels + c];
+        out[i] = static_cast<float>(sum * scale);
+      }
     }
     if (_resampler) {
-      std::vector<float> resampled;
-      _resampler->Process(_mono, resampled);
-      _mono.swap(resampled);
+      _resampled.clear();
+      _resampler->Process(_mono, _resampled);
+      _mono.swap(_resampled);
     }
     _samples.resize(_mono.size());
     for (size_t i = 0; i < _mono.size(); ++i) _samples[i] = ToSample(_mono[i]);

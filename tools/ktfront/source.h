@@ -49,6 +49,7 @@ class AudioSource {
   std::unique_ptr<Resampler> _resampler;
   std::vector<short> _sourceChunk;
   std::vector<float> _mono;
+  std::vector<float> _resampled;  // kept from chunk to chunk, so reading allocates nothing
   kt::AudioData _samples;
   uint64_t _framesRead = 0;
   uint64_t _samplesRead = 0;
