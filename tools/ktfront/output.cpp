@@ -37,7 +37,7 @@ void WriteOut(const std::string& text) {
 }
 
 void InstallSignalHandlers() {
-  gNullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (gNullFd < 0) gNullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);  // once, however many files
   struct sigaction action {};
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
