@@ -26,6 +26,7 @@ TEST(AGCTest, PowerAndClipping) {
   EXPECT_EQ(AGC::ComputePower(ones.begin(), ones.end()), 0.0f);
   EXPECT_EQ(AGC::ComputePower(full.begin(), full.end()), 10.0f * log10f(1073709056.5f));
   EXPECT_EQ(AGC::ComputePower(full.begin(), full.begin()), 0.0f);
+  EXPECT_EQ(AGC::ComputePower(full.begin(), full.begin() + 1), 10.0f * log10f(32767.0f * 32767.0f));
   EXPECT_EQ(AGC::ComputeClippingFraction(full.begin(), full.end()), 1.0f);
   const AudioData some = {32767, 5, -32768, -32767, 0};
   EXPECT_EQ(AGC::ComputeClippingFraction(some.begin(), some.end()), 0.4f);

@@ -143,8 +143,8 @@ TEST(AnalyzerTest, FlushEndsTheUtteranceAtTheEndOfTheAudio) {
   a.Flush();
   const std::string out = trace::Drain(a);
   // In speech at the end: the leftover frame, then the end at 2010 ms.
-  EXPECT_NE(out.find("e 2 2010.000000\ne 1 2010.000000\n"), std::string::npos) << out;
-  EXPECT_EQ(out.substr(out.rfind("f 100"), 8), "f 100 1 ");
+  EXPECT_NE(out.find("e0 2 2010.000000\ne0 1 2010.000000\n"), std::string::npos) << out;
+  EXPECT_EQ(out.substr(out.rfind("f1 100"), 9), "f1 100 1 ");
   a.Flush();
   kt::AnalyzerResultPtr none;
   EXPECT_FALSE(a.GetResult(none));

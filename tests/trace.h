@@ -41,14 +41,14 @@ inline std::string Drain(kt::AudioAnalyzer& a) {
   kt::AnalyzerResultPtr r;
   while (a.GetResult(r)) {
     if (const auto* e = dynamic_cast<const kt::AnalyzerEvent*>(r.get())) {
-      out += Format("e %d %.6f\n", e->GetTag(), e->GetTimeMs());
+      out += Format("e%d %d %.6f\n", r->GetType(), e->GetTag(), e->GetTimeMs());
     } else if (const auto* m = dynamic_cast<const kt::AnalyzerVolumeMeter*>(r.get())) {
-      out += Format("m %d %.7g %g %.7g %.6f %d\n", m->GetInfo(), m->GetVolumedBFS(), m->GetVolume(),
+      out += Format("m%d %d %.7g %g %.7g %.6f %d\n", r->GetType(), m->GetInfo(), m->GetVolumedBFS(), m->GetVolume(),
                     m->GetSNRVolumePct(), m->GetTimeMs(), m->IsSpeechState());
     } else if (const auto* f = dynamic_cast<const kt::AnalyzerAudioFrame*>(r.get())) {
       std::string samples;
       for (int16_t s : f->GetData()) samples += std::to_string(s) + ",";
-      out += Format("f %d %d %016" PRIx64 "\n", f->GetFrameIndex(), f->IsSpeechSegmentFrame(),
+      out += Format("f%d %d %d %016" PRIx64 "\n", r->GetType(), f->GetFrameIndex(), f->IsSpeechSegmentFrame(),
                     Hash(samples));
     }
   }
