@@ -31,6 +31,8 @@ TEST(AGCTest, PowerAndClipping) {
   const AudioData some = {32767, 5, -32768, -32767, 0};
   EXPECT_EQ(AGC::ComputeClippingFraction(some.begin(), some.end()), 0.4f);
   EXPECT_EQ(AGC::ComputeClippingFraction(some.begin(), some.begin()), 0.0f);
+  const AudioData clipped(200000, -32768);  // beyond what one 16-bit count can hold
+  EXPECT_EQ(AGC::ComputeClippingFraction(clipped.begin(), clipped.end()), 1.0f);
 }
 
 // Digital silence is too low at every update: four relative steps up, a quarter-second

@@ -33,7 +33,6 @@ TEST(CInterfaceTest, VadResultCodes) {
   EXPECT_EQ(KTRVAD_GetResult(0, nullptr, 0, &result, &pct, &info), 0);
   EXPECT_EQ(result, KTRVAD_RESULT_NONE);
   EXPECT_EQ(KTRVAD_Deinit(), 0);
-  EXPECT_EQ(KTRVAD_Deinit(), 0);
 }
 
 TEST(CInterfaceTest, AgcResultCodes) {
