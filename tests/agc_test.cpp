@@ -48,6 +48,7 @@ TEST(AGCTest, SilenceClimbsByJumps) {
   AGC fresh("", 16000);
   AGC additive("RelativeGain=false;DeltaGain=0.3;FastStepSizeUp=1", 8000);
   EXPECT_EQ(additive.ComputeGain(AudioData(800, 0), 0.1f), 0.1f + 0.3f);
+  EXPECT_EQ(additive.ComputeGain(Square(800, 10000), 0.9f), 0.9f - 0.3f - 0.3f);  // too high
   EXPECT_EQ(additive.GetMedianGain(), 0.5f);
   EXPECT_NEAR(fresh.GetMedianGain(), 0.041013f, 1e-6f);
   // Gain 0: the median gain; the block is not buffered.

@@ -84,7 +84,6 @@ TEST(EnergyHistogramTest, MinimumBetweenWAnd2WToggles) {
   }
   // Counter: 1..20, then 11..20 (folded), then 11, 12.
   EXPECT_EQ(seen, "00000000000000111111" "0000111111" "00");
-  EXPECT_EQ(Make("WindowSize=10;MinWindowSize=21").IsThresholdComputed(), false);
 }
 
 TEST(EnergyHistogramTest, UpdateParametersReplaysTheRing) {
