@@ -86,9 +86,20 @@ void DumpClasses(const char* name, int rate, const bench::Samples& signal, size_
   }
 }
 
+// The 16-bit scale at every gain of a jump path: silence is too low, four steps up.
+void DumpSixteenBitScale() {
+  std::printf("# 16-bit scale, four steps up from every gain\n");
+  kt::AGC agc("", 8000);
+  const kt::AudioData silence(800, 0);
+  for (unsigned gain = 1; gain <= 65535; ++gain) {
+    std::printf("s %u %u\n", gain, agc.ComputeGain(silence, static_cast<unsigned short>(gain)));
+  }
+}
+
 }  // namespace
 
 int main() {
+  DumpSixteenBitScale();
   const std::string dir = KTFRONT_SAMPLES_DIR;
   for (const char* file : {"message_8000.wav", "directions_11025.wav", "forecast_16000.wav"}) {
     const bench::Recording r = bench::ReadWav(dir + "/" + file);

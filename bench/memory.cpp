@@ -1,37 +1,15 @@
 // Heap held by one analyzer and one gain control behind the C interfaces: after
 // initialisation, at the peak while streaming a minute (polling until nothing is
 // pending) and at the end, with the allocations made per block.
-#include <malloc.h>
-
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 
 #include "KTRAGC.h"
 #include "KTRVAD.h"
+#include "heap.h"
 #include "signal.h"
 
 namespace {
-
-// Usable sizes as malloc reports them; the program is single-threaded.
-long long g_live = 0;
-long long g_peak = 0;
-long long g_allocations = 0;
-
-void* Allocate(size_t size) {
-  void* p = std::malloc(size ? size : 1);
-  if (!p) throw std::bad_alloc();
-  g_live += static_cast<long long>(malloc_usable_size(p));
-  if (g_live > g_peak) g_peak = g_live;
-  ++g_allocations;
-  return p;
-}
-
-void Release(void* p) {
-  if (!p) return;
-  g_live -= static_cast<long long>(malloc_usable_size(p));
-  std::free(p);
-}
 
 struct Usage {
   long long init = 0;
@@ -47,22 +25,22 @@ Usage Measure(int rate, Init init, Block block, Deinit deinit) {
   const size_t n = static_cast<size_t>(rate) / 50;  // 20 ms
   const size_t blocks = signal.size() / n;
   Usage usage;
-  const long long base = g_live;
+  const long long base = static_cast<long long>(heap::LiveBytes());
   init(rate);
-  usage.init = g_live - base;
-  g_peak = g_live;
-  const long long allocationsBefore = g_allocations;
+  usage.init = static_cast<long long>(heap::LiveBytes()) - base;
+  heap::ResetPeak();
+  const long long allocationsBefore = heap::Allocations();
   for (size_t i = 0; i < blocks; ++i) {
-    const long long before = g_allocations;
+    const long long before = heap::Allocations();
     block(signal.data() + i * n, n);
-    if (g_allocations - before > usage.maxAllocationsPerBlock) {
-      usage.maxAllocationsPerBlock = g_allocations - before;
+    if (heap::Allocations() - before > usage.maxAllocationsPerBlock) {
+      usage.maxAllocationsPerBlock = heap::Allocations() - before;
     }
   }
   usage.allocationsPerBlock =
-      static_cast<double>(g_allocations - allocationsBefore) / static_cast<double>(blocks);
-  usage.peak = g_peak - base;
-  usage.end = g_live - base;
+      static_cast<double>(heap::Allocations() - allocationsBefore) / static_cast<double>(blocks);
+  usage.peak = static_cast<long long>(heap::PeakLiveBytes()) - base;
+  usage.end = static_cast<long long>(heap::LiveBytes()) - base;
   deinit();
   return usage;
 }
@@ -74,16 +52,9 @@ void Print(const char* what, int rate, const Usage& u) {
 
 }  // namespace
 
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete[](void* p) noexcept { Release(p); }
-void operator delete(void* p, size_t) noexcept { Release(p); }
-void operator delete[](void* p, size_t) noexcept { Release(p); }
-
 int main() {
   for (int rate : {8000, 11025, 16000}) bench::TestSignal(rate);  // built before counting
-  std::printf("Heap bytes held (malloc's usable sizes) and allocations per 20 ms block,\n"
+  std::printf("Heap bytes held (as requested) and allocations per 20 ms block,\n"
               "streaming 60 s through the C interfaces:\n\n");
   std::printf("| service | rate | after init | peak | after 60 s | allocations/block | max/block |\n");
   std::printf("|---|---:|---:|---:|---:|---:|---:|\n");

@@ -1,12 +1,8 @@
-// The VAD C interface under fuzzed call sequences: Init with any rate, GetResult with
-// null outputs, null or dangling blocks, odd and zero byte counts, any iStart_p, polling,
-// Deinit. Checked: every code is one its table allows, refused calls write nothing,
-// outputs follow the result code, speech starts and ends alternate, and the analyzer
-// answers normally after any refused call.
+// The VAD C interface driven by a fuzzed script of Init, GetResult (any start flag, block,
+// byte count and null outputs), polling and Deinit. Refused calls return -1 and write
+// nothing; accepted ones return 0 with a result code, and speech starts and ends alternate.
 #include <climits>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "KTRVAD.h"
@@ -14,133 +10,26 @@
 
 namespace {
 
-constexpr int kUntouchedResult = -12345;
-constexpr int kUntouchedInfo = -54321;
-constexpr double kUntouchedVolume = -777.5;
-constexpr size_t kByteBudget = 500000;
-
-double Rate(fuzz::Input& in) {
-  switch (in.Byte() % 10) {
-    case 0:
-      return 8000.0;
-    case 1:
-      return 11025.0;
-    case 2:
-      return 16000.0;
-    case 3:
-      return 44100.0;
-    case 4:
-      return 0.0;
-    case 5:
-      return -16000.0;
-    case 6:
-      return std::nan("");
-    case 7:
-      return INFINITY;
-    case 8:
-      return 8000.5;
-    default:
-      return in.F64();
-  }
-}
-
-int Start(fuzz::Input& in) {
-  switch (in.Byte() % 4) {
-    case 0:
-      return 0;
-    case 1:
-      return INT_MIN;
-    case 2:
-      return static_cast<int>(in.U32());
-    default:
-      return 1;
-  }
-}
-
-struct Model {
+struct Host {
   bool initialized = false;
   bool inSpeech = false;
-};
 
-// Makes one call and checks it against the failure table and the model.
-void Call(Model& model, int start, const void* data, unsigned int size, uint8_t nulls) {
-  int result = kUntouchedResult;
-  double volume = kUntouchedVolume;
-  int info = kUntouchedInfo;
-  int* pResult = (nulls & 1) ? nullptr : &result;
-  double* pVolume = (nulls & 2) ? nullptr : &volume;
-  int* pInfo = (nulls & 4) ? nullptr : &info;
-
-  const int rc = KTRVAD_GetResult(start, data, size, pResult, pVolume, pInfo);
-  const bool refused = !pResult || !pVolume || !pInfo || !model.initialized ||
-                       (start && !data && size);
-  if (refused) {
-    FUZZ_CHECK(rc == -1);
-    FUZZ_CHECK(result == kUntouchedResult && volume == kUntouchedVolume && info == kUntouchedInfo);
-    return;
-  }
-  // With the default configuration nothing inside may fail.
-  FUZZ_CHECK(rc == 0);
-  FUZZ_CHECK(result >= 0 && result <= 3);
-  if (result == 3) {
-    FUZZ_CHECK(info >= 0 && info <= 3);
-    FUZZ_CHECK(std::isfinite(volume) && volume <= 100.0);
-  } else if (start) {
-    FUZZ_CHECK(volume == 0.0 && info == 0);
-  } else {
-    FUZZ_CHECK(volume == kUntouchedVolume && info == kUntouchedInfo);
-  }
-  if (result == 1) {
-    FUZZ_CHECK(!model.inSpeech);
-    model.inSpeech = true;
-  }
-  if (result == 2) {
-    FUZZ_CHECK(model.inSpeech);
-    model.inSpeech = false;
-  }
-}
-
-// One call read from the input, made `repeat` times in a row as a recording host does.
-void GetResult(fuzz::Input& in, fuzz::SignalMaker& signal, Model& model, size_t& budget,
-               int repeat) {
-  const int start = Start(in);
-  const kt::AudioData block = signal.Block(in);
-  std::vector<uint8_t> bytes(block.size() * 2);
-  if (!bytes.empty()) std::memcpy(bytes.data(), block.data(), bytes.size());
-  unsigned int size = static_cast<unsigned int>(bytes.size());
-  const uint8_t shape = in.Byte();
-  if ((shape & 3) == 1 && size) --size;  // an odd count: the last byte is a low byte
-  if ((shape & 3) == 2) size = 0;
-  const void* data = bytes.empty() ? nullptr : bytes.data();
-  if (shape & 4) data = nullptr;
-  // Without audio the block must not be read: a dangling pointer would fault.
-  if ((shape & 8) && !start) data = reinterpret_cast<const void*>(uintptr_t{16});
-  const uint8_t nulls = in.Byte();
-  for (; repeat > 0 && size <= budget; --repeat) {
-    budget -= size;
-    Call(model, start, data, size, nulls);
-  }
-}
-
-// Polls until nothing is pending; the queue cannot hold more reportable results than
-// the blocks given so far could produce.
-void Poll(Model& model) {
-  for (int i = 0; i < 100000; ++i) {
-    int result = kUntouchedResult;
-    double volume = kUntouchedVolume;
-    int info = kUntouchedInfo;
-    const int rc = KTRVAD_GetResult(0, nullptr, 0, &result, &volume, &info);
-    if (!model.initialized) {
-      FUZZ_CHECK(rc == -1 && result == kUntouchedResult);
+  void Call(int start, const void* data, unsigned size, uint8_t nulls) {
+    int result = -12345, info = -54321;
+    double volume = -777.5;
+    const int rc = KTRVAD_GetResult(start, data, size, (nulls & 1) ? nullptr : &result,
+                                    (nulls & 2) ? nullptr : &volume, (nulls & 4) ? nullptr : &info);
+    if ((nulls & 7) || !initialized || (start && !data && size)) {
+      FUZZ_CHECK(rc == -1 && result == -12345 && volume == -777.5 && info == -54321);
       return;
     }
-    FUZZ_CHECK(rc == 0);
-    if (result == 0) return;
-    if (result == 1) model.inSpeech = true;
-    if (result == 2) model.inSpeech = false;
+    FUZZ_CHECK(rc == 0 && result >= 0 && result <= 3);
+    if (result == 3) FUZZ_CHECK(info >= 0 && info <= 3 && std::isfinite(volume) && volume <= 100.0);
+    if (result != 3) FUZZ_CHECK(start ? volume == 0.0 && info == 0 : volume == -777.5 && info == -54321);
+    if (result == 1 || result == 2) FUZZ_CHECK(inSpeech == (result == 2));
+    if (result == 1 || result == 2) inSpeech = result == 1;
   }
-  FUZZ_CHECK(false);
-}
+};
 
 }  // namespace
 
@@ -148,37 +37,44 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(KTRVAD_Deinit() == 0);
   fuzz::Input in(data, size);
   fuzz::SignalMaker signal;
-  Model model;
-  size_t budget = kByteBudget;
+  Host host;
+  size_t budget = 500000;  // bytes
   while (!in.Done()) {
-    switch (in.Byte() % 8) {
-      case 0: {
-        const double rate = Rate(in);
-        const bool supported = rate == 8000.0 || rate == 11025.0 || rate == 16000.0;
-        const int rc = KTRVAD_Init(rate);
-        FUZZ_CHECK(rc == (supported ? 0 : -2));
-        FUZZ_CHECK((g_pAudioAnalyzer != nullptr) == supported);
-        model = Model();
-        model.initialized = supported;
-        break;
+    const uint8_t op = in.Byte() % 8;
+    if (op == 0) {
+      const double rates[] = {8000.0, 11025.0, 16000.0, 44100.0, 0.0, -16000.0, std::nan(""), INFINITY, 8000.5};
+      const uint8_t k = in.Byte() % 10;
+      const double rate = k < 9 ? rates[k] : in.Float<double, 8>();
+      const bool supported = rate == 8000.0 || rate == 11025.0 || rate == 16000.0;
+      FUZZ_CHECK(KTRVAD_Init(rate) == (supported ? 0 : -2) && (g_pAudioAnalyzer != nullptr) == supported);
+      host = Host{supported, false};
+    } else if (op == 5) {  // polls until nothing is pending
+      for (int i = 0, result = -1; result != 0; ++i) {
+        double volume = 0.0;
+        int info = 0;
+        const int rc = KTRVAD_GetResult(0, nullptr, 0, &result, &volume, &info);
+        FUZZ_CHECK(host.initialized ? rc == 0 && i < 100000 : rc == -1);
+        if (!host.initialized) break;
+        if (result == 1 || result == 2) host.inSpeech = result == 1;
       }
-      case 1:
-      case 2:
-      case 3:
-      case 4:
-        GetResult(in, signal, model, budget, 1);
-        break;
-      case 5:
-        Poll(model);
-        break;
-      case 6:
-        FUZZ_CHECK(KTRVAD_Deinit() == 0);
-        FUZZ_CHECK(g_pAudioAnalyzer == nullptr);
-        model = Model();
-        break;
-      default:
-        GetResult(in, signal, model, budget, in.Byte() + 1);
-        break;
+    } else if (op == 6) {
+      FUZZ_CHECK(KTRVAD_Deinit() == 0 && g_pAudioAnalyzer == nullptr);
+      host = Host();
+    } else {
+      int repeat = op == 7 ? in.Byte() + 1 : 1;
+      const uint8_t s = in.Byte() % 4;
+      const int start = s == 0 ? 0 : s == 1 ? INT_MIN : s == 2 ? static_cast<int>(in.U32()) : 1;
+      const kt::AudioData block = signal.Block(in);
+      std::vector<uint8_t> bytes(block.size() * 2);
+      if (!bytes.empty()) std::memcpy(bytes.data(), block.data(), bytes.size());
+      unsigned size = static_cast<unsigned>(bytes.size());
+      const uint8_t shape = in.Byte();
+      if ((shape & 3) == 1 && size) --size;  // an odd count: the last byte is a low byte
+      if ((shape & 3) == 2) size = 0;
+      const void* p = bytes.empty() || (shape & 4) ? nullptr : bytes.data();
+      if ((shape & 8) && !start) p = reinterpret_cast<const void*>(uintptr_t{16});  // not read
+      const uint8_t nulls = in.Byte();
+      for (; repeat > 0 && size <= budget; --repeat, budget -= size) host.Call(start, p, size, nulls);
     }
   }
   FUZZ_CHECK(KTRVAD_Deinit() == 0);

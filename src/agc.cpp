@@ -11,10 +11,10 @@ namespace kt {
 
 namespace {
 
-// A duration key as whole 20 ms frames, truncated; refuses what no recording needs.
+// A duration key as whole 20 ms frames, truncated; a negative duration has no meaning.
 int ReadFrames(const Parameters& params, const std::string& key, int defaultMs) {
   const int ms = params.Get<int>(key, defaultMs);
-  if (ms < 0 || ms > AGC::kMaxDurationMs) throw std::invalid_argument("Value out of range");
+  if (ms < 0) throw std::invalid_argument("Value out of range");
   return ms / AGC::GetFrameSizeMs();
 }
 
@@ -105,7 +105,8 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
   _speechFraction = params.Get<float>("SpeechFraction", 0.3f);
   _pauseWindowSize = ReadFrames(params, "PauseWindowSizeMs", 500);
   _cutoffFraction = params.Get<float>("CutoffFraction", 0.1f);
-  CheckRange(_cutoffFraction, 0.0f, 1.0f);  // a percentile
+  // The percentile is 100 times it as an int; beyond 0 to 100 the histogram's walk asserts.
+  CheckRange(_cutoffFraction, -2.1e7f, 2.1e7f);
   _interpolationWeight = params.Get<float>("InterpolationWeight", 0.3f);
   _thresholdOffsetSpeech = params.Get<float>("ThresholdOffsetSpeech", 16.0f);
   _thresholdOffsetPause = params.Get<float>("ThresholdOffsetPause", 6.0f);
@@ -116,17 +117,14 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
   _upperLevelRefDelta = params.Get<float>("UpperLevelRefDelta", 6.0f);
   _fastStepSizeUp = params.Get<int>("FastStepSizeUp", 4);
   _fastStepSizeDown = params.Get<int>("FastStepSizeDown", 2);
-  if (_fastStepSizeUp > kMaxStepSize || _fastStepSizeDown > kMaxStepSize) {
-    throw std::invalid_argument("Value out of range");
-  }
   _leastGain = params.Get<float>("LeastGain", 0.001f);
   CheckRange(_leastGain, 0.0f, 1.0f);  // the floor is applied after the ceiling of 1
   _deltaGain = params.Get<float>("DeltaGain", 0.15f);
-  // From 1 on a relative step down reaches 0 and the median gain has no meaning.
-  if (!(_deltaGain >= 0.0f && _deltaGain < 1.0f)) {
+  _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
+  // The median gain takes the logarithm of (1 - d) / (1 + d), which needs -1 < d < 1.
+  if (_relativeGain && !(_deltaGain > -1.0f && _deltaGain < 1.0f)) {
     throw std::invalid_argument("Value out of range");
   }
-  _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
   Reset();
 }
 
@@ -187,7 +185,8 @@ unsigned short AGC::ComputeGain(const int16_t* samples, size_t count, unsigned s
   const float g = static_cast<float>(gain) / 65535.0f;
   const float r = ComputeGain(samples, count, g);
   if (r == g) return gain;
-  return static_cast<unsigned short>(r * 65535.0f);  // float product, truncated
+  // The exact product, truncated: rounding it to float first gives one too many for some gains.
+  return static_cast<unsigned short>(static_cast<double>(r) * 65535.0);
 }
 
 float AGC::GetMedianGain() const {
@@ -375,7 +374,12 @@ float AGC::ComputeGain(float g, bool increase) const {
 }
 
 float AGC::ComputeGain(float g, bool increase, int stepSize) const {
-  for (int i = 0; i < stepSize; ++i) g = ComputeGain(g, increase);
+  // Once a step changes nothing neither do the rest: any step count ends quickly.
+  for (int i = 0; i < stepSize; ++i) {
+    const float r = ComputeGain(g, increase);
+    if (r == g) break;
+    g = r;
+  }
   return g;
 }
 

@@ -47,22 +47,25 @@ struct GainDecision {
   float newGain;            // the gain returned
 };
 
-// Configuration refusals (std::invalid_argument):
-// - "Value out of range": a duration key below 0 or above kMaxDurationMs; a "WindowSizeMs"
-//   of less than one frame or of fewer frames than "MinLowerLevelSizeMs" or
-//   "MinUpperLevelSizeMs" ask for; "FastStepSizeUp"/"FastStepSizeDown" above
-//   kMaxStepSize; "LeastGain" or "CutoffFraction" outside 0 to 1; "DeltaGain" outside
-//   0 (inclusive) to 1 (exclusive).
+// Configuration refusals (std::invalid_argument), each with its reason:
+// - "Value out of range":
+//   - a negative duration key: it has no meaning as a count of frames;
+//   - a "WindowSizeMs" of less than one frame (no level could be kept) or of fewer frames
+//     than "MinLowerLevelSizeMs" or "MinUpperLevelSizeMs" (a reading would ask the
+//     window for more levels than it can hold);
+//   - a "CutoffFraction" whose percentile, 100 times it, does not fit an int;
+//   - a "LeastGain" outside 0 to 1: the floor is applied after the ceiling of 1, and a
+//     negative gain has no 16-bit or host-scale value;
+//   - with relative steps, a "DeltaGain" outside -1 to 1 (exclusive): the median gain
+//     takes the logarithm of (1 - d) / (1 + d).
 // - "_minUpdateFrames >= _minLowerLevelFrames", "_minUpdateFrames >= _minUpperLevelFrames":
 //   an update would otherwise ask the histogram for more levels than it holds.
-// A step count of 0 or less means no step.
+// Everything else is taken as given: long durations (memory grows with them; running out
+// is std::bad_alloc), any step count (0 or less means no step), additive steps of any
+// size, and a percentile beyond 0 to 100, which the first update reports as the level
+// walk's std::logic_error.
 class AGC {
  public:
-  // Ten minutes: bounds the level window (30000 floats) and the audio buffered per update.
-  static constexpr int kMaxDurationMs = 600000;
-  // Bounds the work of one gain jump; 1000 relative steps of 0.15 span 60 decades.
-  static constexpr int kMaxStepSize = 1000;
-
   enum State : int32_t { Speech = 0, Initial = 1 };
 
   // Levels of the most recent frames in a circular window, counted in quarter-dB bins.

@@ -90,12 +90,11 @@ void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs) {
   Parameters par(_parameters);
   par.Set<int>("WindowSize", GetNumFrames(histogramWindowSizeMs));
   par.Set<int>("MinWindowSize", GetNumFrames(histogramMinWindowSizeMs));
-  // Refuses a ring of 0 or more than EnergyHistogram::kMaxWindowSize frames untouched.
+  // Refuses a ring of no slot and leaves the histogram untouched.
   _histogram.UpdateParameters(par);
 
-  const double maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
-  RefuseUnless(maxDecayRateDbPerDs >= 0.0);  // a negative rate would raise the level past 0 dBFS
-  _maxDecayRateDbPerDs = maxDecayRateDbPerDs;
+  // A negative rate is taken as given: the reported level then climbs by it.
+  _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
   const double fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
   RefuseUnless(fullScaleSNR > 0.0);  // the per-cent scale divides by it; also refuses NaN
   _fullScaleSNR = fullScaleSNR;

@@ -113,15 +113,22 @@ struct FrameDecision {
 // Voice activity detector with a volume meter. Cuts the audio into 20 ms frames,
 // decides each frame between pause and speech and queues its findings as results.
 //
-// Configuration ("key=value;..."), checked when it is set: durations in ms must not be
-// negative; "SpeechWindowSizeMs" may span at most kMaxLookBackFrames frames and
-// "EOSTimeoutMs" at most 3 * kMaxLookBackFrames + 2, so that no decision reads a ring
-// slot a newer frame has overwritten (below 3970 ms and 11930 ms at 20 ms frames);
-// "HistogramWindowSizeMs" must give 1 to EnergyHistogram::kMaxWindowSize frames (10 min
-// of 20 ms frames, 240 kB of ring); "CutoffFraction" must lie in 0 to 1;
-// "MaxDecayRateDbPerDs" must not be negative; "FullScaleSNR" must be above 0;
-// "TooSoftWindowSizeMs" must fit an int. A refused value throws
-// std::invalid_argument("Value out of range").
+// Configuration ("key=value;...") refusals, std::invalid_argument("Value out of range"),
+// each with its reason:
+// - a negative duration key: it has no meaning as a count of frames (and a negative
+//   histogram window would reach the histogram as four billion slots);
+// - "SpeechWindowSizeMs" over kMaxLookBackFrames frames, "EOSTimeoutMs" over
+//   3 * kMaxLookBackFrames + 2 (about 3970 ms and 11930 ms at 20 ms frames): a decision
+//   would read a ring slot that a newer frame has overwritten;
+// - "HistogramWindowSizeMs" of less than half a frame: a histogram ring of no slot;
+// - "CutoffFraction" times the histogram window beyond an int: the quantile count must
+//   fit one (EnergyHistogram);
+// - "FullScaleSNR" of 0 or less: the per-cent scale divides by it (or by a distance
+//   that may then be 0);
+// - "TooSoftWindowSizeMs" negative or beyond an int: it is truncated to an int.
+// Everything else is taken as given, such as a negative "MaxDecayRateDbPerDs" (the level
+// then climbs) or long histogram windows (memory grows with them; running out is
+// std::bad_alloc).
 // UpdateParameters then behaves as for a value that fails to convert: the new string
 // and the keys read before the failing one are in effect, the failing key and those
 // after it keep their old values, and the analyzer stays usable. "HistogramWindowSizeMs"

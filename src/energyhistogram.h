@@ -2,6 +2,7 @@
 // Adaptive histogram of recent frame energies (1 dB bins): learns the noise and the
 // speech level and derives the speech detector's thresholds from them.
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
@@ -14,9 +15,9 @@ namespace kt {
 
 class EnergyHistogram {
  public:
-  // Largest accepted "WindowSize": 10 minutes of 20 ms frames, 240 kB of ring.
-  static constexpr unsigned int kMaxWindowSize = 30000;
-
+  // Refusals, std::invalid_argument("Value out of range"): a "WindowSize" of 0 (a ring
+  // of no slot), a "CutoffFraction" whose quantile count, up to "WindowSize" times it, would not fit
+  // an int. Other values are taken as given.
   explicit EnergyHistogram(const Parameters& params) {
     SetParameters(params);
     Reset();
@@ -116,18 +117,15 @@ class EnergyHistogram {
     _speechLevel = speechLevel;
   }
 
-  // Reads the keys in a fixed order and stores each at once; a zero or oversized
-  // ring, and a "CutoffFraction" outside 0 to 1, are refused before they are stored.
+  // Reads the keys in a fixed order and stores each at once; a refused value is not stored.
   void SetParameters(const Parameters& params) {
     const unsigned int windowSize = params.Get<unsigned int>("WindowSize", 100);
-    if (windowSize == 0 || windowSize > kMaxWindowSize) {
-      throw std::invalid_argument("Value out of range");
-    }
+    if (windowSize == 0) throw std::invalid_argument("Value out of range");
     _windowSize = windowSize;
     _minWindowSize = params.Get<unsigned int>("MinWindowSize", 40);
     const double cutoffFraction = params.Get<double>("CutoffFraction", 0.08);
-    // A fraction of the ring; it also keeps the quantile count within an int.
-    if (!(cutoffFraction >= 0.0 && cutoffFraction <= 1.0)) {
+    // The quantile count, up to the ring's size times the fraction, must fit an int.
+    if (!(std::fabs(cutoffFraction) * windowSize < 2147483647.0)) {
       throw std::invalid_argument("Value out of range");
     }
     _cutoffFraction = cutoffFraction;

@@ -1,303 +1,160 @@
-#include "agc.h"
-
+// The gain control through its public operations: measurement, steps, the 16-bit scale,
+// decisions on steady signals, what every key does, refusals.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <numeric>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "agc_test_access.h"
+#include "agc.h"
+#include "trace.h"
 
 namespace {
 
 using kt::AGC;
 using kt::AudioData;
-using Access = kt::AGCTestAccess;
 
-int BinSum(const AGC::Histogram& h) {
-  return std::accumulate(h._histogram.begin(), h._histogram.end(), 0);
+// A square wave of the given amplitude: every frame measures 20 log10(amplitude).
+AudioData Square(size_t n, int amplitude) {
+  AudioData a(n);
+  for (size_t i = 0; i < n; ++i) a[i] = static_cast<int16_t>(i % 2 ? amplitude : -amplitude);
+  return a;
 }
 
-std::string ErrorOf(const std::string& params, int rate = 16000) {
-  try {
-    AGC agc(params, rate);
-  } catch (const std::invalid_argument& e) {
-    return e.what();
+TEST(AGCTest, PowerAndClipping) {
+  const AudioData silence(160, 0), ones = Square(160, 1), full = {32767, -32768, 32767, -32768};
+  EXPECT_EQ(AGC::ComputePower(silence.begin(), silence.end()), 0.0f);
+  EXPECT_EQ(AGC::ComputePower(ones.begin(), ones.end()), 0.0f);
+  EXPECT_EQ(AGC::ComputePower(full.begin(), full.end()), 10.0f * log10f(1073709056.5f));
+  EXPECT_EQ(AGC::ComputePower(full.begin(), full.begin()), 0.0f);
+  EXPECT_EQ(AGC::ComputePower(full.begin(), full.begin() + 1), 10.0f * log10f(32767.0f * 32767.0f));
+  EXPECT_EQ(AGC::ComputeClippingFraction(full.begin(), full.end()), 1.0f);
+  const AudioData some = {32767, 5, -32768, -32767, 0};
+  EXPECT_EQ(AGC::ComputeClippingFraction(some.begin(), some.end()), 0.4f);
+  EXPECT_EQ(AGC::ComputeClippingFraction(some.begin(), some.begin()), 0.0f);
+  const AudioData clipped(200000, -32768);  // beyond what one 16-bit count can hold
+  EXPECT_EQ(AGC::ComputeClippingFraction(clipped.begin(), clipped.end()), 1.0f);
+}
+
+// Digital silence is too low at every update: four relative steps up, a quarter-second
+// block at a time; additive steps, one step of 0.3 each.
+TEST(AGCTest, SilenceClimbsByJumps) {
+  const AudioData silence(1600, 0);
+  float g = 0.5f;
+  for (int i = 0; i < 4; ++i) g = g * (1.0f + 0.15f);
+  AGC agc("", 16000);
+  EXPECT_EQ(agc.ComputeGain(AudioData(1599, 0), 0.5f), 0.5f);  // four whole frames: no update
+  EXPECT_EQ(agc.ComputeGain(AudioData(1, 0), 0.5f), g);        // the fifth completes
+  EXPECT_EQ(agc.ComputeGain(silence, g), 1.0f);
+  AGC fresh("", 16000);
+  AGC additive("RelativeGain=false;DeltaGain=0.3;FastStepSizeUp=1", 8000);
+  EXPECT_EQ(additive.ComputeGain(AudioData(800, 0), 0.1f), 0.1f + 0.3f);
+  EXPECT_EQ(additive.ComputeGain(Square(800, 10000), 0.9f), 0.9f - 0.3f - 0.3f);  // too high
+  EXPECT_EQ(additive.GetMedianGain(), 0.5f);
+  EXPECT_NEAR(fresh.GetMedianGain(), 0.041013f, 1e-6f);
+  // Gain 0: the median gain; the block is not buffered.
+  EXPECT_EQ(fresh.ComputeGain(silence, 0.0f), fresh.GetMedianGain());
+}
+
+// A steady tone is speech once 40 frames are measured exactly when it reaches 70 dB; too
+// loud above 78 dB (two steps down).
+TEST(AGCTest, SteadyTones) {
+  const struct { int amplitude, calls; float gain; } table[] = {
+      {1000, 12, 0.5f},                                    // 60 dB: nil, never speech
+      {4000, 12, 0.5f},                                    // 72 dB: speech, no change
+      {10000, 1, 0.5f * (1.0f - 0.15f) * (1.0f - 0.15f)},  // 80 dB: too high
+  };
+  for (const auto& row : table) {
+    AGC agc("", 8000);
+    auto log = std::make_shared<std::ostringstream>();
+    agc.SetLogStream(log);
+    float g = 0.5f;
+    for (int i = 0; i < row.calls; ++i) g = agc.ComputeGain(Square(800, row.amplitude), g);
+    EXPECT_EQ(g, row.gain) << row.amplitude;
+    const bool speech = log->str().find("speech:") != std::string::npos;
+    EXPECT_EQ(speech, row.amplitude == 4000) << log->str();
   }
-  return "";
 }
 
-// ---- level histogram ----
-
-AGC::Histogram MakeHistogram(int windowSize) {
-  AGC::Histogram h(0, 0);
-  h.SetSize(windowSize, 400);
-  return h;
+// The 16-bit scale is the exact product truncated, at every gain of the jump path.
+TEST(AGCTest, SixteenBitScaleAtEveryGain) {
+  AGC agc("", 8000);
+  const AudioData silence(800, 0);
+  int mismatches = 0;
+  for (int gain = 1; gain <= 65535; ++gain) {
+    float r = static_cast<float>(gain) / 65535.0f;
+    for (int i = 0; i < 4; ++i) r = std::max(0.001f, std::min(1.0f, r * (1.0f + 0.15f)));
+    const auto expected = static_cast<unsigned short>(static_cast<double>(r) * 65535.0);
+    if (agc.ComputeGain(silence, static_cast<unsigned short>(gain)) != expected) ++mismatches;
+  }
+  EXPECT_EQ(mismatches, 0);
+  EXPECT_EQ(agc.ComputeGain(silence, static_cast<unsigned short>(3773)), 6598);
+  EXPECT_EQ(agc.ComputeGain(silence, static_cast<unsigned short>(5534)), 9678);
+  EXPECT_EQ(agc.ComputeGain(silence, static_cast<unsigned short>(65535)), 65535);  // unchanged
 }
 
-TEST(AGCHistogramTest, QuarterDecibelBins) {
-  AGC::Histogram h = MakeHistogram(10);
-  h.Update(0.0f);
-  h.Update(99.99f);
-  h.Update(12.3f);
-  EXPECT_EQ(h._histogram[0], 1);
-  EXPECT_EQ(h._histogram[399], 1);
-  EXPECT_EQ(h._histogram[49], 1);
-  EXPECT_EQ(h._window[2], 12.3f);  // stored unscaled
-  EXPECT_EQ(h.GetLevel(50, true, 2), 12.25f);
+// Each key, given a telling value, changes the log or the gains of a recording (against
+// the defaults, or against a setting under which the key matters).
+TEST(AGCTest, EveryKeyHasAnEffect) {
+  const struct { const char* params; const char* base; } table[] = {
+      {"MinUpdateIntervalMs=200", ""}, {"MinLowerLevelSizeMs=40", ""}, {"MinUpperLevelSizeMs=40", ""},
+      {"WindowSizeMs=600", ""}, {"SpeechWindowSizeMs=200", ""}, {"SpeechFraction=0.9", ""},
+      {"PauseWindowSizeMs=100", ""}, {"CutoffFraction=0.3", ""}, {"InterpolationWeight=0.9", ""},
+      {"ThresholdOffsetSpeech=5", ""}, {"ThresholdOffsetPause=20", ""}, {"ThresholdUpperBound=20", ""},
+      {"MinLowerBound=40", ""}, {"LowerBound=70", ""}, {"UpperBound=45", ""},
+      {"UpperLevelRefDelta=-5", ""}, {"FastStepSizeUp=1", ""}, {"LeastGain=0.3", ""}, {"DeltaGain=0.3", ""},
+      {"RelativeGain=TRUE", ""}, {"UpperBound=45;FastStepSizeDown=5", "UpperBound=45"},
+  };
+  for (const auto& row : table) {
+    EXPECT_NE(trace::Hash(trace::Agc(row.params, "forecast_16000.wav", 320)),
+              trace::Hash(trace::Agc(row.base, "forecast_16000.wav", 320)))
+        << row.params;
+  }
 }
 
-TEST(AGCHistogramTest, RefusesLevelsOutsideTheBins) {
-  AGC::Histogram h = MakeHistogram(10);
-  const std::string text = "z >= 0.0f && (int)z < _histogram.size()";
-  for (float x : {100.0f, -0.1f, std::nanf("")}) {  // -0.1 would truncate into bin 0
+TEST(AGCTest, RefusesOnlyWhatCannotWork) {
+  const struct { const char* params; const char* what; } refused[] = {
+      {"MinUpdateIntervalMs=-20", "Value out of range"},
+      {"SpeechWindowSizeMs=-1", "Value out of range"},
+      {"WindowSizeMs=19", "Value out of range"},
+      {"WindowSizeMs=60;MinUpdateIntervalMs=100;MinLowerLevelSizeMs=100", "Value out of range"},
+      {"MinUpdateIntervalMs=60;MinLowerLevelSizeMs=80", "_minUpdateFrames >= _minLowerLevelFrames"},
+      {"MinUpdateIntervalMs=60;MinLowerLevelSizeMs=60;MinUpperLevelSizeMs=80",
+       "_minUpdateFrames >= _minUpperLevelFrames"},
+      {"CutoffFraction=3e7", "Value out of range"},
+      {"LeastGain=1.01", "Value out of range"},
+      {"LeastGain=-0.1", "Value out of range"},
+      {"DeltaGain=1", "Value out of range"},
+      {"DeltaGain=-1", "Value out of range"},
+      {"RelativeGain=true;x", "Invalid format"},
+  };
+  for (const auto& row : refused) {
     try {
-      h.Update(x);
-      ADD_FAILURE() << x << " was accepted";
-    } catch (const std::logic_error& e) {
-      EXPECT_EQ(e.what(), text);
+      AGC agc(row.params, 8000);
+      ADD_FAILURE() << row.params;
+    } catch (const std::invalid_argument& e) {
+      EXPECT_STREQ(e.what(), row.what) << row.params;
     }
   }
-  EXPECT_EQ(h._wIndex, 0);
-  EXPECT_EQ(BinSum(h), 0);
-}
-
-TEST(AGCHistogramTest, WindowReplacesTheOldestLevel) {
-  AGC::Histogram h = MakeHistogram(5);
-  for (int i = 0; i < 4; ++i) h.Update(10.0f + i);
-  EXPECT_EQ(h.GetNumSamples(), 4);
-  h.Update(14.0f);
-  h.Update(20.0f);  // 10 dB leaves
-  EXPECT_EQ(h.GetNumSamples(), 5);
-  EXPECT_EQ(h._histogram[40], 0);
-  EXPECT_EQ(h._histogram[80], 1);
-  EXPECT_EQ(BinSum(h), 5);
-  EXPECT_EQ(h.GetLevel(0, true, 1), 11.0f);
-
-  for (int i = 0; i < 103; ++i) {
-    h.Update(static_cast<float>(i % 90));
-    EXPECT_GE(h._wIndex, 5);
-    EXPECT_LE(h._wIndex, 10);
-    EXPECT_EQ(BinSum(h), 5);
-  }
-  // The last five levels, in order, sit in the slots _wIndex - 5 ... _wIndex - 1.
-  for (int k = 0; k < 5; ++k) {
-    EXPECT_EQ(h._window[(h._wIndex - 5 + k) % 5], static_cast<float>((98 + k) % 90));
-  }
-}
-
-TEST(AGCHistogramTest, PercentileWalks) {
-  AGC::Histogram h = MakeHistogram(100);
-  for (int i = 0; i < 100; ++i) h.Update(20.0f + 0.25f * i);  // 20 ... 44.75 dB
-  EXPECT_EQ(h.GetLevel(0, true, 1), 20.0f);
-  EXPECT_EQ(h.GetLevel(0, false, 1), 44.75f);
-  EXPECT_EQ(h.GetLevel(100, true, 1), 44.75f);
-  EXPECT_EQ(h.GetLevel(10, true, 1), 22.25f);   // 10th lowest
-  EXPECT_EQ(h.GetLevel(10, false, 1), 42.5f);   // 10th highest
-  EXPECT_EQ(h.GetLevel(10, true, 11), 22.5f);   // minSamples walks on
-  EXPECT_EQ(h.GetLevel(10, false, 11), 42.25f);
-}
-
-TEST(AGCHistogramTest, PreconditionsOfTheWalk) {
-  AGC::Histogram h = MakeHistogram(10);
-  auto errorOf = [&h](int percent, int minSamples) -> std::string {
-    try {
-      h.GetLevel(percent, true, minSamples);
-    } catch (const std::logic_error& e) {
-      return e.what();
-    }
-    return "";
-  };
-  EXPECT_EQ(errorOf(10, 1), "_wIndex > 0");
-  h.Update(30.0f);
-  h.Update(31.0f);
-  EXPECT_EQ(errorOf(-1, 1), "percent >= 0");
-  EXPECT_EQ(errorOf(101, 1), "percent <= 100");
-  EXPECT_EQ(errorOf(10, 3), "n >= minSamples");
-  EXPECT_EQ(errorOf(10, 2), "");
-  h.Reset();
-  EXPECT_EQ(errorOf(10, 1), "_wIndex > 0");
-  EXPECT_EQ(BinSum(h), 0);
-}
-
-// ---- configuration ----
-
-TEST(AGCConfigTest, Defaults) {
-  const AGC agc("", 16000);
-  EXPECT_EQ(Access::MinUpdateFrames(agc), 4);
-  EXPECT_EQ(Access::MinLowerLevelFrames(agc), 4);
-  EXPECT_EQ(Access::MinUpperLevelFrames(agc), 4);
-  EXPECT_EQ(Access::Histogram(agc).GetWindowSize(), 100);
-  EXPECT_EQ(Access::SpeechWindowSize(agc), 40);
-  EXPECT_EQ(Access::PauseWindowSize(agc), 25);
-  EXPECT_EQ(Access::Histogram(agc)._histogram.size(), 400u);
-  EXPECT_TRUE(Access::RelativeGain(agc));
-  EXPECT_EQ(Access::State(agc), AGC::Initial);
-  EXPECT_EQ(AGC::GetFrameSizeMs(), 20);
-}
-
-TEST(AGCConfigTest, DurationsTruncateToFrames) {
-  AGC agc("WindowSizeMs=2010;PauseWindowSizeMs=30;SpeechWindowSizeMs=39", 16000);
-  EXPECT_EQ(Access::Histogram(agc).GetWindowSize(), 100);
-  EXPECT_EQ(Access::PauseWindowSize(agc), 1);
-  EXPECT_EQ(Access::SpeechWindowSize(agc), 1);
-}
-
-TEST(AGCConfigTest, OnlyTheExactWordTrueGivesRelativeSteps) {
-  EXPECT_TRUE(Access::RelativeGain(AGC("RelativeGain=true", 8000)));
-  EXPECT_TRUE(Access::RelativeGain(AGC("RelativeGain=true yes", 8000)));
-  EXPECT_FALSE(Access::RelativeGain(AGC("RelativeGain=TRUE", 8000)));
-  EXPECT_FALSE(Access::RelativeGain(AGC("RelativeGain=1", 8000)));
-}
-
-TEST(AGCConfigTest, RefusesWhatCannotWork) {
-  EXPECT_EQ(ErrorOf("", 44100), "Sampling rate");
-  EXPECT_EQ(ErrorOf("broken", 44100), "Sampling rate");  // the rate is checked first
-  EXPECT_EQ(ErrorOf("broken"), "Invalid format");
-  EXPECT_EQ(ErrorOf("LeastGain=small"), "Invalid format");
-  EXPECT_EQ(ErrorOf("MinLowerLevelSizeMs=100"), "_minUpdateFrames >= _minLowerLevelFrames");
-  EXPECT_EQ(ErrorOf("MinUpperLevelSizeMs=100"), "_minUpdateFrames >= _minUpperLevelFrames");
-  EXPECT_EQ(ErrorOf("MinUpdateIntervalMs=100;MinUpperLevelSizeMs=100"), "");
-  // Range refusals, each beside the nearest accepted value.
-  const std::vector<std::pair<std::string, bool>> cases = {
-      {"MinUpdateIntervalMs=-20", false},
-      {"SpeechWindowSizeMs=-1", false},
-      {"PauseWindowSizeMs=-40", false},
-      {"WindowSizeMs=19", false},
-      {"WindowSizeMs=79", false},  // fewer levels than a reading must pass
-      {"WindowSizeMs=80", true},
-      {"MinUpdateIntervalMs=20;MinLowerLevelSizeMs=20;MinUpperLevelSizeMs=20;WindowSizeMs=20",
-       true},
-      {"WindowSizeMs=600000", true},
-      {"WindowSizeMs=600001", false},
-      {"MinUpdateIntervalMs=600020", false},
-      {"MinUpdateIntervalMs=300;MinLowerLevelSizeMs=300;WindowSizeMs=280", false},
-      {"LeastGain=1.01", false},
-      {"LeastGain=-0.001", false},
-      {"LeastGain=1", true},
-      {"LeastGain=0", true},
-      {"CutoffFraction=1.01", false},
-      {"CutoffFraction=-0.1", false},
-      {"DeltaGain=1", false},
-      {"DeltaGain=-0.01", false},
-      {"DeltaGain=0", true},
-      {"DeltaGain=0.99", true},
-      {"FastStepSizeUp=1001", false},
-      {"FastStepSizeDown=2000000000", false},
-      {"FastStepSizeUp=1000;FastStepSizeDown=0", true},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(ErrorOf(c.first), c.second ? "" : "Value out of range") << c.first;
-  }
-}
-
-// ---- frame measurement ----
-
-TEST(AGCMeasureTest, Power) {
-  const AudioData silence(320, 0);
-  EXPECT_EQ(AGC::ComputePower(silence.cbegin(), silence.cend()), 0.0f);
-  EXPECT_EQ(AGC::ComputePower(silence.cbegin(), silence.cbegin()), 0.0f);
-  const AudioData ones = {1, -1, 1, -1};
-  EXPECT_EQ(AGC::ComputePower(ones.cbegin(), ones.cend()), 0.0f);  // mean square 1
-  const AudioData small = {1, -1, 2, 0};                          // mean square 1.5
-  EXPECT_EQ(AGC::ComputePower(small.cbegin(), small.cend()), 10.0f * log10f(1.5f));
-
-  // 1000 full-scale squares sum beyond 32 bits.
-  AudioData full(1000);
-  for (size_t i = 0; i < full.size(); ++i) full[i] = (i % 2) ? -32768 : 32767;
-  const float power = AGC::ComputePower(full.cbegin(), full.cend());
-  EXPECT_EQ(power, 10.0f * log10f(1073709056.5f));
-  EXPECT_NEAR(power, 90.309, 0.001);
-}
-
-TEST(AGCMeasureTest, ClippingFraction) {
-  const AudioData none;
-  EXPECT_EQ(AGC::ComputeClippingFraction(none.cbegin(), none.cend()), 0.0f);
-  const AudioData half = {32767, 0, -32768, 32766, -32767, 7, -32768, 32767};
-  EXPECT_EQ(AGC::ComputeClippingFraction(half.cbegin(), half.cend()), 0.5f);
-  const AudioData full = {32767, -32768};
-  EXPECT_EQ(AGC::ComputeClippingFraction(full.cbegin(), full.cend()), 1.0f);
-}
-
-// ---- speech and pause tests ----
-
-TEST(AGCDetectTest, Thresholds) {
-  const AGC agc("", 16000);
-  EXPECT_EQ(Access::GetThreshold(agc, 30.0f, 60.0f, 16.0f), 46.0f);
-  EXPECT_EQ(Access::GetThreshold(agc, 30.0f, 60.0f, 6.0f), 39.0f);
-  EXPECT_EQ(Access::GetThreshold(agc, 60.0f, 90.0f, 16.0f), 70.0f);  // capped
-}
-
-TEST(AGCDetectTest, SpeechNeeds13Of40LoudLevels) {
-  AGC agc("", 16000);
-  // Speech threshold for a = 30, b = 60 is 46 dB.
-  std::vector<float> levels(39, 30.0f);
-  for (int i = 0; i < 13; ++i) levels[3 * i] = 46.0f;
-  Access::AddLevels(agc, levels);
-  EXPECT_FALSE(Access::DetectSpeech(agc, 30.0f, 60.0f));  // 39 levels only
-
-  AGC twelve("", 16000);
-  std::vector<float> fewer(40, 45.75f);
-  for (int i = 0; i < 12; ++i) fewer[3 * i + 1] = 46.0f;
-  Access::AddLevels(twelve, fewer);
-  EXPECT_FALSE(Access::DetectSpeech(twelve, 30.0f, 60.0f));
-  Access::AddLevels(twelve, {46.0f});  // the newest level makes 13
-  EXPECT_TRUE(Access::DetectSpeech(twelve, 30.0f, 60.0f));
-}
-
-TEST(AGCDetectTest, PauseNeedsTheWholeWindowQuiet) {
-  AGC agc("", 16000);
-  Access::AddLevels(agc, std::vector<float>(24, 39.0f));
-  EXPECT_FALSE(Access::DetectPause(agc, 30.0f, 60.0f));  // fewer than 25 levels
-  Access::AddLevels(agc, {39.0f});
-  EXPECT_TRUE(Access::DetectPause(agc, 30.0f, 60.0f));
-  Access::AddLevels(agc, {39.25f});
-  EXPECT_FALSE(Access::DetectPause(agc, 30.0f, 60.0f));
-  Access::AddLevels(agc, std::vector<float>(24, 20.0f));
-  EXPECT_FALSE(Access::DetectPause(agc, 30.0f, 60.0f));
-  Access::AddLevels(agc, {20.0f});  // 39.25 has left the last 25
-  EXPECT_TRUE(Access::DetectPause(agc, 30.0f, 60.0f));
-}
-
-// ---- gain steps ----
-
-TEST(AGCStepTest, RelativeSteps) {
-  const AGC agc("", 16000);
-  EXPECT_EQ(Access::Step(agc, 0.5f, true), 0.575f);
-  EXPECT_EQ(Access::Step(agc, 0.5f, false), 0.425f);
-  EXPECT_EQ(Access::Steps(agc, 0.5f, true, 4), 0x1.bfbedep-1f);   // 0.8745
-  EXPECT_EQ(Access::Steps(agc, 0.5f, false, 2), 0x1.71eb86p-2f);  // 0.36125
-  EXPECT_EQ(Access::Step(agc, 0.9f, true), 1.0f);
-  EXPECT_EQ(Access::Steps(agc, 0.5f, true, 0), 0.5f);
-  EXPECT_EQ(Access::Steps(agc, 0.5f, false, -3), 0.5f);
-  EXPECT_EQ(Access::Steps(agc, 0.01f, false, 1000), 0.001f);  // never below LeastGain
-  EXPECT_EQ(Access::Steps(agc, 0.0f, true, 1), 0.001f);
-}
-
-TEST(AGCStepTest, AdditiveStepsAreFlooredAtTheLeastGain) {
-  const AGC agc("RelativeGain=false", 16000);
-  EXPECT_EQ(Access::Step(agc, 0.5f, true), 0.65f);
-  EXPECT_EQ(Access::Step(agc, 0.1f, false), 0.001f);
-  EXPECT_EQ(Access::Step(agc, 0.9f, true), 1.0f);
-}
-
-TEST(AGCStepTest, StepsNeedAGainFrom0To1) {
-  const AGC agc("", 16000);
-  EXPECT_THROW(Access::Step(agc, 1.5f, true), std::logic_error);
+  EXPECT_THROW(AGC("", 44100), std::invalid_argument);
+  // Taken as given: long windows, large step counts, additive steps of 1 or more.
+  const AudioData silence(800, 0);
+  AGC longWindows("WindowSizeMs=700000;SpeechWindowSizeMs=700000;PauseWindowSizeMs=700000", 8000);
+  EXPECT_EQ(longWindows.ComputeGain(silence, 0.01f), 0.01f * 1.15f * 1.15f * 1.15f * 1.15f);
+  AGC manySteps("FastStepSizeUp=2000000000;FastStepSizeDown=2000000000", 8000);
+  EXPECT_EQ(manySteps.ComputeGain(silence, 0.001f), 1.0f);
+  AGC bigSteps("RelativeGain=false;DeltaGain=1.5", 8000);
+  EXPECT_EQ(bigSteps.ComputeGain(silence, 0.001f), 1.0f);
+  EXPECT_EQ(AGC("RelativeGain=no;DeltaGain=-3", 8000).ComputeGain(silence, 0.5f), 0.001f);
+  // A percentile beyond 0 to 100 reaches the level walk's assertion at the first update.
+  AGC wide("CutoffFraction=1.5", 8000);
   try {
-    Access::Step(agc, -0.5f, true);
+    wide.ComputeGain(silence, 0.5f);
     ADD_FAILURE();
   } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "g >= 0.0f");
+    EXPECT_STREQ(e.what(), "percent <= 100");
   }
-}
-
-TEST(AGCStepTest, MedianGain) {
-  EXPECT_NEAR(AGC("", 16000).GetMedianGain(), 0.041013, 5e-7);
-  EXPECT_EQ(AGC("RelativeGain=false", 16000).GetMedianGain(), 0.5f);
+  AGC agc("", 8000);
+  for (float bad : {-0.1f, 1.01f, NAN}) EXPECT_THROW(agc.ComputeGain(silence, bad), std::invalid_argument);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
-// The global allocator of this test binary: counts every operator new, tracks the
-// blocks and bytes alive, and can make one chosen allocation throw std::bad_alloc.
+// The global allocator of a program that links heap.cpp (the heap tests, the memory
+// benchmark): counts every operator new, tracks the blocks and bytes alive, and can make
+// one chosen allocation throw std::bad_alloc.
 #include <cstddef>
 
 namespace heap {

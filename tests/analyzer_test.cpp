@@ -1,0 +1,154 @@
+// The speech analyzer through its public operations: geometry, what every key does,
+// refusals, reconfiguration in mid-stream, flushing.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "audioanalyzer.h"
+#include "trace.h"
+
+namespace {
+
+using kt::AnalyzerEvent;
+using kt::AudioAnalyzer;
+using kt::AudioData;
+
+const char* const kSample = "message_8000.wav";
+
+TEST(AnalyzerTest, FrameGeometryFollowsTheRate) {
+  const struct { double rate; int samples; double ms; } table[] = {
+      {8000, 160, 20.0}, {11025, 220, 19.954648526077097}, {16000, 320, 20.0}};
+  for (const auto& row : table) {
+    const AudioAnalyzer a("", row.rate, false);
+    EXPECT_EQ(a.GetSamplesPerFrame(), row.samples);
+    EXPECT_DOUBLE_EQ(a.GetFrameSizeMs(), row.ms);
+    EXPECT_EQ(a.GetEOSTimeout(), 420);
+  }
+  EXPECT_THROW(AudioAnalyzer("", 22050.0, false), std::invalid_argument);
+  EXPECT_THROW(AudioAnalyzer("", 8000.5, false), std::invalid_argument);
+}
+
+// Each key, given a telling value, changes what the recording yields; a misspelt key
+// would leave the default trace.
+TEST(AnalyzerTest, EveryKeyHasAnEffect) {
+  const uint64_t base = trace::Hash(trace::Analyzer("", kSample, 160));
+  for (const char* params :
+       {"SpeechWindowSizeMs=400", "SpeechWindowFraction=0.8", "EOSTimeoutMs=1000",
+        "HistogramWindowSizeMs=600", "HistogramMinWindowSizeMs=200", "MaxDecayRateDbPerDs=4",
+        "FullScaleSNR=60", "TooNoisyLeveldBFS=-80", "TooLoudAlignmentLeveldBFS=-60",
+        "TooSoftSNR=60", "MinRecordingLeveldBFS=-1", "CutoffFraction=0.3",
+        "InterpolationParam=0.9", "ThresholdOffsetSpeech=25", "ThresholdOffsetPause=35",
+        "ThresholdLowerLimit=50", "ThresholdUpperLimit=35"}) {
+    EXPECT_NE(trace::Hash(trace::Analyzer(params, kSample, 160)), base) << params;
+  }
+  EXPECT_NE(trace::Hash(trace::Analyzer("TooSoftSNR=60;TooSoftWindowSizeMs=100000", kSample, 160)),
+            trace::Hash(trace::Analyzer("TooSoftSNR=60", kSample, 160)));
+  // The histogram's own window keys are overwritten by the analyzer's.
+  EXPECT_EQ(trace::Hash(trace::Analyzer("HistogramWindowSizeMs=1000;WindowSize=7;MinWindowSize=3", kSample, 160)),
+            trace::Hash(trace::Analyzer("HistogramWindowSizeMs=1000", kSample, 160)));
+}
+
+TEST(AnalyzerTest, RefusesOnlyWhatCannotWork) {
+  for (const char* params :
+       {"SpeechWindowSizeMs=-1", "SpeechWindowSizeMs=3970", "EOSTimeoutMs=-20", "EOSTimeoutMs=11940",
+        "HistogramWindowSizeMs=9", "HistogramWindowSizeMs=-20", "HistogramMinWindowSizeMs=-1",
+        "CutoffFraction=30000000", "FullScaleSNR=0", "TooSoftWindowSizeMs=-1",
+        "TooSoftWindowSizeMs=3e9"}) {
+    try {
+      AudioAnalyzer a(params, 8000, false);
+      ADD_FAILURE() << params;
+    } catch (const std::invalid_argument& e) {
+      EXPECT_STREQ(e.what(), "Value out of range") << params;
+    }
+  }
+  for (const char* params : {"SpeechWindowSizeMs=3960", "EOSTimeoutMs=11920", "HistogramWindowSizeMs=10",
+                             "HistogramWindowSizeMs=700000", "CutoffFraction=-1", "CutoffFraction=2"}) {
+    EXPECT_NO_THROW(AudioAnalyzer(params, 8000, false)) << params;
+  }
+  AudioAnalyzer a("", 8000, false);
+  EXPECT_THROW(a.SetEOSTimeout(-1), std::invalid_argument);
+  EXPECT_EQ(a.GetEOSTimeout(), 420);
+  // A failing key leaves the keys before it in effect.
+  EXPECT_THROW(a.UpdateParameters("EOSTimeoutMs=600;FullScaleSNR=x"), std::invalid_argument);
+  EXPECT_EQ(a.GetEOSTimeout(), 600);
+}
+
+// A negative decay rate is taken as given: the level climbs by it from block to block.
+TEST(AnalyzerTest, NegativeDecayRateRaisesTheLevel) {
+  AudioAnalyzer a("MaxDecayRateDbPerDs=-100", 8000, false);
+  double level = -1000.0;
+  for (int i = 0; i < 3; ++i) {
+    a.Process(AudioData(160, 1000));
+    kt::AnalyzerResultPtr r;
+    while (a.GetResult(r)) {
+      if (const auto* m = dynamic_cast<const kt::AnalyzerVolumeMeter*>(r.get())) {
+        if (i > 0) {
+          EXPECT_DOUBLE_EQ(m->GetVolumedBFS(), level + 20.0);  // 20 ms at 100 dB/ds
+        }
+        level = m->GetVolumedBFS();
+      }
+    }
+  }
+  EXPECT_GT(level, 0.0);
+}
+
+// After SetEOSTimeout a string without the key keeps the time-out; others fall back.
+TEST(AnalyzerTest, TimeoutOutlivesAnAbsentKey) {
+  AudioAnalyzer a("EOSTimeoutMs=1000;SpeechWindowSizeMs=400", 8000, false);
+  a.SetEOSTimeout(600);
+  a.UpdateParameters("");
+  EXPECT_EQ(a.GetEOSTimeout(), 600);
+  AudioAnalyzer b("", 8000, false);
+  b.SetEOSTimeout(600);
+  const bench::Recording& r = trace::Sample(kSample);
+  a.Process(r.samples);
+  b.Process(r.samples);
+  a.Flush();
+  b.Flush();
+  EXPECT_EQ(trace::Drain(a), trace::Drain(b));
+}
+
+// UpdateParameters in mid-speech keeps the frame count, the state and the queue.
+TEST(AnalyzerTest, UpdateInMidStreamKeepsStateIndexAndQueue) {
+  const bench::Recording& r = trace::Sample(kSample);
+  AudioAnalyzer a("", r.rate, false);
+  std::string events;
+  int lastFrame = -1, held = -1;
+  for (size_t pos = 0; pos + 160 <= r.samples.size(); pos += 160) {
+    a.Process(AudioData(r.samples.begin() + pos, r.samples.begin() + pos + 160));
+    if (held >= 0 && ++held == 10) {  // ten blocks into speech, their results queued
+      a.UpdateParameters("");
+      events += "| ";
+      held = -2;
+    }
+    kt::AnalyzerResultPtr res;
+    while (held < 0 && a.GetResult(res)) {
+      if (const auto* e = dynamic_cast<const AnalyzerEvent*>(res.get())) {
+        events += std::to_string(e->GetTag()) + " ";
+        if (e->GetTag() == AnalyzerEvent::SpeechStart && held == -1) held = 0;
+      } else if (const auto* f = dynamic_cast<const kt::AnalyzerAudioFrame*>(res.get())) {
+        EXPECT_EQ(f->GetFrameIndex(), lastFrame + 1);
+        lastFrame = f->GetFrameIndex();
+      }
+    }
+  }
+  EXPECT_EQ(events.substr(0, 8), "3 0 | 2 ") << events;  // no second start: still in speech
+  EXPECT_GT(lastFrame, 400);
+}
+
+TEST(AnalyzerTest, FlushEndsTheUtteranceAtTheEndOfTheAudio) {
+  AudioAnalyzer a("", 8000, true);
+  const bench::Recording& r = trace::Sample(kSample);
+  a.Process(AudioData(r.samples.begin(), r.samples.begin() + 16000 + 80));  // 2 s and 80 samples
+  a.Flush();
+  const std::string out = trace::Drain(a);
+  // In speech at the end: the leftover frame, then the end at 2010 ms.
+  EXPECT_NE(out.find("e0 2 2010.000000\ne0 1 2010.000000\n"), std::string::npos) << out;
+  EXPECT_EQ(out.substr(out.rfind("f1 100"), 9), "f1 100 1 ");
+  a.Flush();
+  kt::AnalyzerResultPtr none;
+  EXPECT_FALSE(a.GetResult(none));
+  EXPECT_FALSE(none);
+}
+
+}  // namespace
