@@ -70,7 +70,7 @@ def test_errors_are_clear_and_lose_nothing(tmp_path):
     expected = [row(r) for r in ktfront.Analyzer(rate).process(s)]
     for make, message in [(lambda: ktfront.Analyzer(44100), "Sampling rate"), (lambda: ktfront.GainControl(7000), "Sampling rate"),
                           (lambda: ktfront.Analyzer(rate, "EOSTimeoutMs"), "Invalid format"),
-                          (lambda: ktfront.Analyzer(rate, "CutoffFraction=2"), "Value out of range")]:
+                          (lambda: ktfront.Analyzer(rate, "FullScaleSNR=0"), "Value out of range")]:
         with pytest.raises(ValueError, match=message): make()
     an, agc = ktfront.Analyzer(rate), ktfront.GainControl(rate)
     for call, error in [(lambda: an.update_parameters("SpeechWindowSizeMs=-20"), ValueError), (lambda: an.process(s.astype(np.int32)), TypeError),
