@@ -66,12 +66,14 @@ class Input {
   size_t _pos = 0;
 };
 
-// A window longer than ten minutes only costs memory (up to a gigabyte of ring); skipped
-// so that a run stays within libFuzzer's memory limit.
-inline bool HugeWindow(const std::string& params) {
+// Configurations that only cost resources, skipped so that a run stays within libFuzzer's
+// memory and time limits: a window longer than ten minutes (up to a gigabyte of ring), and
+// gain jumps of more than 1000 steps (of a tiny step, some 10^9 steps per jump).
+inline bool Unaffordable(const std::string& params) {
   try {
     const kt::Parameters p(params);
-    return p.Get<int>("HistogramWindowSizeMs", 0) > 600000 || p.Get<int>("WindowSizeMs", 0) > 600000;
+    return p.Get<int>("HistogramWindowSizeMs", 0) > 600000 || p.Get<int>("WindowSizeMs", 0) > 600000 ||
+           p.Get<int>("FastStepSizeUp", 0) > 1000 || p.Get<int>("FastStepSizeDown", 0) > 1000;
   } catch (const std::exception&) {
     return false;
   }
