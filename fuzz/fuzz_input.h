@@ -50,7 +50,8 @@ class Input {
   }
   // A length byte, then that many bytes (fewer at the end of the input).
   std::string Text() {
-    const size_t take = std::min<size_t>(Byte(), Remaining());
+    const size_t length = Byte();  // read before Remaining(): argument order is unspecified
+    const size_t take = std::min(length, Remaining());
     _pos += take;
     return std::string(reinterpret_cast<const char*>(_data + _pos - take), take);
   }
