@@ -100,8 +100,8 @@ def test_gil_released_for_parallel_analyzers():
     s, rate = ktfront.load(WAVS[2])
     expected = [row(r) for r in ktfront.Analyzer(rate).process(s)]
     results, done, interval, an = {}, [], sys.getswitchinterval(), ktfront.Analyzer(rate)
-    def work():
-        results["a"] = [row(r) for _ in range(20) for r in an.process(s)][:len(expected)]; done.append(True)
+    def work():  # nothing but process calls until done: row() may let the GIL go (NumPy)
+        out = [an.process(s) for _ in range(20)]; done.append(True); results["a"] = [row(r) for r in out[0]]
     sys.setswitchinterval(100)  # no forced switch: the main thread runs only when process lets go of the GIL
     try:
         t = threading.Thread(target=work); t.start()
