@@ -2,7 +2,9 @@
 // decisions on steady signals, what every key does, refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "agc.h"
@@ -111,12 +113,30 @@ TEST(AGCTest, EveryKeyHasAnEffect) {
   }
 }
 
+// The random walk moves one relative step (up 1.15, down 0.85) in two calls of three and stays
+// within half a decade (plus a step) of the first gain this process passed; its only caller.
+TEST(AGCTest, RandomWalkStaysNearTheFirstGain) {
+  const AGC agc("", 16000);
+  std::srand(1);
+  float g = 0.2f, low = g, high = g;
+  int still = 0;
+  for (int i = 0; i < 3000; ++i) {
+    const float next = agc.ComputeGainRandom(AudioData(), g);
+    still += next == g;
+    g = next;
+    low = std::min(low, g), high = std::max(high, g);
+  }
+  EXPECT_TRUE(low < 0.2f / 2.5f && low > 0.2f / 3.17f * 0.85f) << low;
+  EXPECT_TRUE(high > 0.2f * 2.5f && high < 0.2f * 3.17f * 1.16f) << high;
+  EXPECT_TRUE(still > 900 && still < 1300) << still;
+}
+
 TEST(AGCTest, RefusesOnlyWhatCannotWork) {
   const struct { const char* params; const char* what; } refused[] = {
       {"MinUpdateIntervalMs=-20", "Value out of range"},
       {"SpeechWindowSizeMs=-1", "Value out of range"},
       {"WindowSizeMs=19", "Value out of range"},
-      {"WindowSizeMs=60;MinUpdateIntervalMs=100;MinLowerLevelSizeMs=100", "Value out of range"},
+      {"WindowSizeMs=100;MinUpdateIntervalMs=120;MinLowerLevelSizeMs=120", "Value out of range"},
       {"MinUpdateIntervalMs=60;MinLowerLevelSizeMs=80", "_minUpdateFrames >= _minLowerLevelFrames"},
       {"MinUpdateIntervalMs=60;MinLowerLevelSizeMs=60;MinUpperLevelSizeMs=80",
        "_minUpdateFrames >= _minUpperLevelFrames"},
