@@ -137,8 +137,8 @@ void AudioAnalyzer::ProcessFrame(AudioData::const_iterator first,
   if (_supplyFrameData) {
     _audioFrames[static_cast<size_t>(_writeIndex % kRingSize)].assign(first, last);
   }
-  // The energy of the filtered frame, measured by the filter without storing it. The same
-  // as ComputeEnergy's: a double sum of squares is exact below 2^23 samples.
+  // The energy of the filtered frame, measured by the filter without storing it; its
+  // integer sum of squares is what a double sum would give, exact below 2^23 samples.
   const int64_t sumOfSquares = _highpassFilter.Measure(first, last);
   AnalyzeEnergy(Energy(static_cast<double>(sumOfSquares), static_cast<size_t>(last - first)));
 }
@@ -233,16 +233,6 @@ bool AudioAnalyzer::GetResult(AnalyzerResultPtr& result) {
   result = std::move(_resultDeque.front());  // no reference count to raise and drop
   _resultDeque.pop_front();
   return true;
-}
-
-double AudioAnalyzer::ComputeEnergy(AudioData::const_iterator first,
-                                    AudioData::const_iterator last) const {
-  double sum = 0.0;
-  for (AudioData::const_iterator it = first; it != last; ++it) {
-    const double sample = *it;
-    sum += sample * sample;
-  }
-  return Energy(sum, static_cast<size_t>(last - first));
 }
 
 double AudioAnalyzer::Energy(double sumOfSquares, size_t numSamples) {

@@ -187,7 +187,6 @@ class AudioAnalyzer {
   int SpeechWindowFrames(int windowMs) const;
   int PauseFrames(int timeoutMs) const;
 
-  double ComputeEnergy(AudioData::const_iterator first, AudioData::const_iterator last) const;
   // 10 log10 of the mean square, 0 when it is at most 1 or there are no samples.
   static double Energy(double sumOfSquares, size_t numSamples);
   bool DetectSpeech() const;
