@@ -15,6 +15,13 @@ using kt::AudioData;
 
 const char* const kSample = "message_8000.wav";
 
+// The filter's rounding is floor(x + 0.5): exact halves go up, on both sides of zero.
+TEST(HighpassFilterTest, RoundsHalfUp) {
+  const double x[] = {-32768.5, -1.5, -0.51, -0.5, -0.49, 0.0, 0.49, 0.5, 1.5, 32767.5};
+  const int expected[] = {-32768, -1, -1, 0, 0, 0, 0, 1, 2, 32768};
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(kt::HighpassFilter::RoundHalfUp(x[i]), expected[i]) << x[i];
+}
+
 TEST(AnalyzerTest, FrameGeometryFollowsTheRate) {
   const struct { double rate; int samples; double ms; } table[] = {
       {8000, 160, 20.0}, {11025, 220, 19.954648526077097}, {16000, 320, 20.0}};
