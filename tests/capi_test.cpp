@@ -63,6 +63,12 @@ TEST(CInterfaceTest, AgcResultCodes) {
   EXPECT_EQ(volume, LONG_MAX - 1);
   EXPECT_EQ(KTRAGC_ComputeGain(silence, 1600, 0, LONG_MAX, &volume), 0);
   EXPECT_GT(volume, 0);
+  // On a bound of 1 a clipped block lowers the volume to 0 (the gain to 0.85^2).
+  short clipped[800];
+  for (int i = 0; i < 800; ++i) clipped[i] = i / 4 % 2 ? 32767 : -32768;  // a 1 kHz square
+  EXPECT_EQ(KTRAGC_Init(8000), 0);
+  EXPECT_EQ(KTRAGC_ComputeGain(clipped, 1600, 1, 1, &volume), 0);
+  EXPECT_EQ(volume, 0);
   EXPECT_EQ(KTRAGC_Deinit(), 0);
 }
 
