@@ -20,6 +20,16 @@ TEST(HighpassFilterTest, RoundsHalfUp) {
   const double x[] = {-32768.5, -1.5, -0.51, -0.5, -0.49, 0.0, 0.49, 0.5, 1.5, 32767.5};
   const int expected[] = {-32768, -1, -1, 0, 0, 0, 0, 1, 2, 32768};
   for (int i = 0; i < 10; ++i) EXPECT_EQ(kt::HighpassFilter::RoundHalfUp(x[i]), expected[i]) << x[i];
+  // Filter stores what Measure sums the squares of, and removes a constant.
+  AudioData block(320, 1000);
+  for (size_t i = 0; i < block.size(); i += 7) block[i] = -20000;
+  kt::HighpassFilter filter(16000), meter(16000);
+  const int64_t measured = meter.Measure(block.begin(), block.end());
+  filter.Filter(block.begin(), block.end());
+  int64_t sum = 0;
+  for (const int16_t s : block) sum += static_cast<int64_t>(s) * s;
+  EXPECT_EQ(sum, measured);
+  EXPECT_NE(block[1], 1000);
 }
 
 TEST(AnalyzerTest, FrameGeometryFollowsTheRate) {
