@@ -317,23 +317,8 @@ std::vector<std::pair<double, double>> Segments(const py::object& block, int rat
   const Block samples(block);
   const long blockSamples = static_cast<long>(blockMs) * rate / 1000;
   if (blockSamples < 1) throw py::value_error("block_ms " + std::to_string(blockMs) + " is below one sample");
-  std::vector<std::pair<double, double>> segments;
   py::gil_scoped_release release;
-  ktcli::VadRun run(rate, params, static_cast<int>(blockSamples), ktcli::VadRun::Wanted{},
-                    [&](const nlohmann::ordered_json& record) {
-                      if (record["type"] == "segment") {
-                        segments.emplace_back(record["start"].get<double>(), record["end"].get<double>());
-                      }
-                    });
-  // Host blocks of the tool: consecutive, the last one shorter.
-  kt::AudioData piece;
-  for (size_t at = 0; at < samples.size(); at += static_cast<size_t>(blockSamples)) {
-    const size_t take = std::min(samples.size() - at, static_cast<size_t>(blockSamples));
-    piece.assign(samples.data() + at, samples.data() + at + take);
-    run.Process(piece);
-  }
-  run.Finish(false);
-  return segments;
+  return ktcli::SpeechSegments(samples.data(), samples.size(), rate, params, static_cast<int>(blockSamples));
 }
 
 template <typename T>

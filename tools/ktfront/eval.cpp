@@ -123,19 +123,12 @@ Recording Decode(const std::string& path, int rawRateHz) {
 }
 
 std::vector<Region> Detect(const Recording& recording, const std::string& params, int blockMs) {
+  const int blockSamples = std::max(1, static_cast<int>(static_cast<long>(blockMs) * recording.rateHz / 1000));
   std::vector<Region> regions;
-  const size_t blockSamples = std::max<size_t>(1, static_cast<size_t>(blockMs) * recording.rateHz / 1000);
-  VadRun run(recording.rateHz, params, static_cast<int>(blockSamples), VadRun::Wanted{},
-             [&](const nlohmann::ordered_json& record) {
-               if (record["type"] == "segment") regions.push_back({record["start"].get<double>(), record["end"].get<double>()});
-             });
-  kt::AudioData block;
-  for (size_t at = 0; at < recording.samples.size(); at += blockSamples) {
-    const auto first = recording.samples.begin() + static_cast<std::ptrdiff_t>(at);
-    block.assign(first, first + static_cast<std::ptrdiff_t>(std::min(blockSamples, recording.samples.size() - at)));
-    run.Process(block);
+  for (const auto& [startS, endS] :
+       SpeechSegments(recording.samples.data(), recording.samples.size(), recording.rateHz, params, blockSamples)) {
+    regions.push_back({startS, endS});
   }
-  run.Finish(false);
   return regions;
 }
 

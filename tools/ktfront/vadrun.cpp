@@ -2,6 +2,7 @@
 
 #include <KTRVAD.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
@@ -147,6 +148,22 @@ void VadRun::Finish(bool interrupted) {
   }
   CloseOpenSegment(static_cast<double>(_samples) / _rateHz);
   Emit({{"type", "end"}, {"samples", _samples}, {"interrupted", interrupted}});
+}
+
+std::vector<std::pair<double, double>> SpeechSegments(const int16_t* samples, size_t count, int rateHz,
+                                                      const std::string& params, int blockSamples) {
+  std::vector<std::pair<double, double>> segments;
+  VadRun run(rateHz, params, blockSamples, VadRun::Wanted{}, [&](const nlohmann::ordered_json& record) {
+    if (record["type"] == "segment") segments.emplace_back(record["start"].get<double>(), record["end"].get<double>());
+  });
+  const size_t step = static_cast<size_t>(blockSamples);
+  kt::AudioData block;
+  for (size_t at = 0; at < count; at += step) {
+    block.assign(samples + at, samples + at + std::min(step, count - at));
+    run.Process(block);
+  }
+  run.Finish(false);
+  return segments;
 }
 
 }  // namespace ktcli

@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "audioanalyzer.h"
 
@@ -69,5 +71,10 @@ class VadRun {
   bool _interrupted = false;
   std::optional<double> _openStartS;
 };
+
+// The segments `vad` prints, in seconds, for samples held in memory and handed on through the
+// classes in host blocks of blockSamples, the last one shorter.
+std::vector<std::pair<double, double>> SpeechSegments(const int16_t* samples, size_t count, int rateHz,
+                                                      const std::string& params, int blockSamples);
 
 }  // namespace ktcli
