@@ -2,7 +2,9 @@
 // refusals, reconfiguration in mid-stream, flushing.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <stdexcept>
+#include <vector>
 
 #include "audioanalyzer.h"
 #include "trace.h"
@@ -151,6 +153,39 @@ TEST(AnalyzerTest, UpdateInMidStreamKeepsStateIndexAndQueue) {
   }
   EXPECT_EQ(events.substr(0, 8), "3 0 | 2 ") << events;  // no second start: still in speech
   EXPECT_GT(lastFrame, 400);
+}
+
+// The speech window is the decided frame and the W - 1 before it, no more: with W = 5 and
+// every frame required, a quiet frame opens speech 5 loud frames later, not 4.
+TEST(AnalyzerTest, SpeechWindowCountsExactlyItsFrames) {
+  const std::string plan = std::string(100, 'n') + "LnLLLLLLLL";  // n: noise, L: loud
+  AudioData samples;
+  unsigned seed = 7;
+  for (size_t f = 0; f < plan.size(); ++f) {
+    for (int i = 0; i < 160; ++i) {
+      seed = seed * 1103515245u + 12345u;
+      double v = static_cast<double>((seed >> 16) % 41) - 20.0;
+      // A Hann envelope ends each loud frame at rest, so the filter carries nothing over.
+      if (plan[f] == 'L') v += 8000.0 * (1.0 - std::cos(i * 2.0 * M_PI / 160.0)) * std::sin(i * 0.9);
+      samples.push_back(static_cast<int16_t>(v));
+    }
+  }
+  AudioAnalyzer a("SpeechWindowSizeMs=100;SpeechWindowFraction=1", 8000, false);
+  std::vector<kt::FrameDecision> frames;
+  a.SetFrameObserver([&frames](const kt::FrameDecision& d) { frames.push_back(d); });
+  a.Process(samples);
+  ASSERT_GE(frames.size(), 108u);
+  for (int f = 100; f < 108; ++f) {  // the plan's premise: loud and noise frames either side
+    EXPECT_EQ(frames[f].energy >= frames[f].speechStartThreshold, plan[f] == 'L') << f;
+  }
+  int first = -1;
+  for (const kt::FrameDecision& d : frames) {
+    if (d.isSpeech) {
+      first = d.frameIndex;
+      break;
+    }
+  }
+  EXPECT_EQ(first, 106);
 }
 
 TEST(AnalyzerTest, FlushEndsTheUtteranceAtTheEndOfTheAudio) {
