@@ -39,8 +39,10 @@ nlohmann::ordered_json NumberOrNull(double value) {
   return std::isnan(value) ? nlohmann::ordered_json() : nlohmann::ordered_json(value);
 }
 
-nlohmann::ordered_json ToJson(const std::string& type, const std::string& name, const Score& score) {
+nlohmann::ordered_json ToJson(const std::string& type, const std::string& name, const Score& score,
+                              const std::vector<std::pair<std::string, std::string>>& tags) {
   nlohmann::ordered_json record = {{"type", type}};
+  for (const auto& tag : tags) record[tag.first] = tag.second;
   if (!name.empty()) record["file"] = name;
   const double reference = score.referenceS;
   record["referenceS"] = score.referenceS;
@@ -187,6 +189,17 @@ void CheckParams(const std::string& params) {
   }
 }
 
+std::string FormatScoresJson(const std::vector<std::string>& names, const std::vector<Score>& scores,
+                             const std::vector<std::pair<std::string, std::string>>& tags) {
+  std::string text;
+  Score total;
+  for (size_t i = 0; i < scores.size(); ++i) {
+    text += ToJson("file", names[i], scores[i], tags).dump() + "\n";
+    total += scores[i];
+  }
+  return text + ToJson("total", "", total, tags).dump() + "\n";
+}
+
 int RunEval(const EvalOptions& options) {
   CheckParams(options.params);
   const std::vector<std::string> files = ExpandManifests(options.files);
@@ -198,7 +211,6 @@ int RunEval(const EvalOptions& options) {
   });
   std::vector<std::string> names;
   std::vector<Score> good;
-  std::string json;
   bool failed = false;
   for (size_t i = 0; i < files.size(); ++i) {
     const std::string& why = errors[i].empty() ? detectErrors[i] : errors[i];
@@ -209,14 +221,11 @@ int RunEval(const EvalOptions& options) {
     }
     names.push_back(files[i]);
     good.push_back(scores[i]);
-    if (options.json) json += ToJson("file", files[i], scores[i]).dump() + "\n";
   }
-  Score total;
-  for (const Score& score : good) total += score;
   if (good.empty()) {
     // Nothing was scored; the errors above say why.
   } else if (options.json) {
-    WriteOut(json + ToJson("total", "", total).dump() + "\n");
+    WriteOut(FormatScoresJson(names, good));
   } else {
     WriteOut(FormatScores(names, good));
   }

@@ -2,6 +2,7 @@
 // Scoring detected speech against reference labels, and the recordings held in memory
 // that eval and tune run the analyzer over.
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "audiodata.h"
@@ -50,6 +51,10 @@ std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const
 
 // A table with one row per named score and a total row.
 std::string FormatScores(const std::vector<std::string>& names, const std::vector<Score>& scores);
+// The same as JSON Lines: one "file" object per score and a "total", each carrying the
+// given tags after its type.
+std::string FormatScoresJson(const std::vector<std::string>& names, const std::vector<Score>& scores,
+                             const std::vector<std::pair<std::string, std::string>>& tags = {});
 
 struct EvalOptions {
   std::vector<std::string> files;

@@ -136,6 +136,7 @@ int main(int argc, char** argv) {
   tuneCommand->add_option("--collar", tune.collarS, "Seconds around each reference boundary left unscored")
       ->check(CLI::NonNegativeNumber);
   tuneCommand->add_option("-j,--jobs", tune.jobs, "Threads (default: one per core)")->check(CLI::PositiveNumber);
+  tuneCommand->add_flag("--json", tune.json, "The best string, then every score as JSON Lines");
   tuneCommand->add_option("--block-ms", tune.blockMs, "Block size handed to the library (ms)")
       ->capture_default_str()
       ->check(CLI::Range(1, 60000));

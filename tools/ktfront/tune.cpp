@@ -13,6 +13,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
+
 #include "audioanalyzer.h"
 #include "commands.h"
 #include "eval.h"
@@ -279,14 +281,31 @@ int RunTune(const TuneOptions& options) {
   const std::string bestParams = ToParams(space, best);
   const std::vector<Score> defaults = ScoreEach(recordings, "", options);
   const std::vector<Score> tuned = ScoreEach(recordings, bestParams, options);
+  std::vector<Recording> held;
+  std::vector<Score> heldDefaults, heldTuned;
+  if (!options.validate.empty()) {
+    held = LoadAll(options.validate, {}, options.jobs);
+    heldDefaults = ScoreEach(held, "", options);
+    heldTuned = ScoreEach(held, bestParams, options);
+  }
+  if (options.json) {
+    nlohmann::ordered_json head = {{"type", "best"}, {"params", bestParams}, {"tried", objective.Count()},
+                                   {"seed", options.seed}};
+    std::string text = head.dump() + "\n";
+    text += FormatScoresJson(NamesOf(recordings), defaults, {{"set", "tune"}, {"string", "defaults"}});
+    text += FormatScoresJson(NamesOf(recordings), tuned, {{"set", "tune"}, {"string", "best"}});
+    if (!held.empty()) {
+      text += FormatScoresJson(NamesOf(held), heldDefaults, {{"set", "validate"}, {"string", "defaults"}});
+      text += FormatScoresJson(NamesOf(held), heldTuned, {{"set", "validate"}, {"string", "best"}});
+    }
+    WriteOut(text);
+    return 0;
+  }
   std::string text = "best: " + bestParams + "\n\ntuned on " + std::to_string(recordings.size()) + " recordings, " +
                      std::to_string(objective.Count()) + " strings tried (seed " + std::to_string(options.seed) +
                      "): error rate " + TotalRate(defaults) + " with the defaults, " + TotalRate(tuned) +
                      " with the best string\n" + FormatScores(NamesOf(recordings), tuned);
-  if (!options.validate.empty()) {
-    const std::vector<Recording> held = LoadAll(options.validate, {}, options.jobs);
-    const std::vector<Score> heldDefaults = ScoreEach(held, "", options);
-    const std::vector<Score> heldTuned = ScoreEach(held, bestParams, options);
+  if (!held.empty()) {
     text += "\nvalidated on " + std::to_string(held.size()) + " other recordings: error rate " + TotalRate(heldDefaults) +
             " with the defaults, " + TotalRate(heldTuned) + " with the best string\ndefaults:\n" +
             FormatScores(NamesOf(held), heldDefaults) + "best string:\n" + FormatScores(NamesOf(held), heldTuned);

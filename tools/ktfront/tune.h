@@ -32,6 +32,7 @@ struct TuneOptions {
   double collarS = 0.0;
   int jobs = 0;
   int blockMs = 20;
+  bool json = false;
 };
 
 int RunTune(const TuneOptions& options);

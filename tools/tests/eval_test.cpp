@@ -7,6 +7,9 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "eval.h"
 #include "labels.h"
@@ -122,6 +125,17 @@ TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
   EXPECT_EQ(RunTool(args + " -j2", status), one);
   EXPECT_NE(one.find("best: EOSTimeoutMs="), std::string::npos);
   EXPECT_NE(one.find("validated on 1 other recordings"), std::string::npos);
+  // --json: the same best string, then file and total records of both sets and both strings.
+  std::istringstream json(RunTool(args + " -j2 --json", status));
+  std::vector<nlohmann::json> records;
+  for (std::string line; std::getline(json, line);) records.push_back(nlohmann::json::parse(line));
+  ASSERT_EQ(records.size(), 11u);
+  EXPECT_EQ("best: " + records[0]["params"].get<std::string>(), one.substr(0, one.find('\n')));
+  EXPECT_EQ(records[0]["tried"], 24);
+  EXPECT_EQ(records[3]["type"], "total");
+  EXPECT_EQ(records[6]["string"], "best");
+  EXPECT_LE(records[6]["errorRatePct"].get<double>(), records[3]["errorRatePct"].get<double>());
+  EXPECT_EQ(records[10]["set"], "validate");
   const std::string many = RunTool("vad -j2 " + kSamples + "/message_8000.wav missing.wav " + kSamples + "/message_8000.wav", status);
   EXPECT_EQ(status, 1);
   EXPECT_EQ(many, "1.060 4.520\n5.180 7.580\n1.060 4.520\n5.180 7.580\n");
