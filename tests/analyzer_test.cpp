@@ -92,6 +92,25 @@ TEST(AnalyzerTest, RefusesOnlyWhatCannotWork) {
   EXPECT_EQ(a.GetEOSTimeout(), 600);
 }
 
+// The meter's per-cent scales: the level from the floor (a peak of 1) to 0 dBFS, the peak
+// against 32768.
+TEST(AnalyzerTest, MeterPercentScales) {
+  const struct { int16_t peak; double levelPct, volumePct; } table[] = {
+      {1, 0.0, 100.0 / 32768}, {-16384, 100.0 * (1 - std::log10(2.0) / std::log10(32768.0)), 50.0}, {-32768, 100.0, 100.0}};
+  for (const auto& row : table) {
+    AudioAnalyzer a("MaxDecayRateDbPerDs=1000", 8000, false);  // no decay from the start's 0 dBFS
+    AudioData block(160, 0);
+    block[80] = row.peak;
+    a.Process(block);
+    kt::AnalyzerResultPtr r;
+    const kt::AnalyzerVolumeMeter* meter = nullptr;
+    while (!meter && a.GetResult(r)) meter = dynamic_cast<const kt::AnalyzerVolumeMeter*>(r.get());
+    ASSERT_TRUE(meter) << row.peak;
+    EXPECT_NEAR(meter->GetVolumedBFSPct(), row.levelPct, 1e-9) << row.peak;
+    EXPECT_DOUBLE_EQ(meter->GetVolumePct(), row.volumePct) << row.peak;
+  }
+}
+
 // A negative decay rate is taken as given: the level climbs by it from block to block.
 TEST(AnalyzerTest, NegativeDecayRateRaisesTheLevel) {
   AudioAnalyzer a("MaxDecayRateDbPerDs=-100", 8000, false);
