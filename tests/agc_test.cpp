@@ -60,13 +60,14 @@ TEST(AGCTest, SilenceClimbsByJumps) {
 // A steady tone is speech once 40 frames are measured exactly when it reaches 70 dB; too
 // loud above 78 dB (two steps down).
 TEST(AGCTest, SteadyTones) {
-  const struct { int amplitude, calls; float gain; } table[] = {
-      {1000, 12, 0.5f},                                    // 60 dB: nil, never speech
-      {4000, 12, 0.5f},                                    // 72 dB: speech, no change
-      {10000, 1, 0.5f * (1.0f - 0.15f) * (1.0f - 0.15f)},  // 80 dB: too high
+  const struct { int amplitude, calls; float gain; const char* params; } table[] = {
+      {1000, 12, 0.5f, ""},                                    // 60 dB: nil, never speech
+      {4000, 12, 0.5f, ""},                                    // 72 dB: speech, no change
+      {4000, 12, 0.5f, "UpperBound=71"},                       // its level, 71 dB filtered: not above
+      {10000, 1, 0.5f * (1.0f - 0.15f) * (1.0f - 0.15f), ""},  // 80 dB: too high
   };
   for (const auto& row : table) {
-    AGC agc("", 8000);
+    AGC agc(row.params, 8000);
     auto log = std::make_shared<std::ostringstream>();
     agc.SetLogStream(log);
     float g = 0.5f;
@@ -156,8 +157,11 @@ TEST(AGCTest, RefusesOnlyWhatCannotWork) {
     }
   }
   EXPECT_THROW(AGC("", 44100), std::invalid_argument);
-  // Taken as given: long windows, large step counts, additive steps of 1 or more.
+  // Taken as given: a window of one frame, long windows, large step counts, additive steps
+  // of 1 or more.
   const AudioData silence(800, 0);
+  AGC oneFrame("WindowSizeMs=20;MinUpdateIntervalMs=20;MinLowerLevelSizeMs=20;MinUpperLevelSizeMs=20", 8000);
+  EXPECT_EQ(oneFrame.ComputeGain(silence, 0.01f), 0.01f * 1.15f * 1.15f * 1.15f * 1.15f);
   AGC longWindows("WindowSizeMs=700000;SpeechWindowSizeMs=700000;PauseWindowSizeMs=700000", 8000);
   EXPECT_EQ(longWindows.ComputeGain(silence, 0.01f), 0.01f * 1.15f * 1.15f * 1.15f * 1.15f);
   AGC manySteps("FastStepSizeUp=2000000000;FastStepSizeDown=2000000000", 8000);

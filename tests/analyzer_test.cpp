@@ -175,9 +175,10 @@ TEST(AnalyzerTest, UpdateInMidStreamKeepsStateIndexAndQueue) {
 }
 
 // The speech window is the decided frame and the W - 1 before it, no more: with W = 5 and
-// every frame required, a quiet frame opens speech 5 loud frames later, not 4.
-TEST(AnalyzerTest, SpeechWindowCountsExactlyItsFrames) {
-  const std::string plan = std::string(100, 'n') + "LnLLLLLLLL";  // n: noise, L: loud
+// every frame required, a quiet frame opens speech 5 loud frames later, not 4. The time-out
+// (21 frames) then counts from the first quiet decision after the start.
+TEST(AnalyzerTest, SpeechWindowAndTimeoutCountExactlyTheirFrames) {
+  const std::string plan = std::string(100, 'n') + "LnLLLLL" + std::string(40, 'n');  // n: noise, L: loud
   AudioData samples;
   unsigned seed = 7;
   for (size_t f = 0; f < plan.size(); ++f) {
@@ -189,22 +190,18 @@ TEST(AnalyzerTest, SpeechWindowCountsExactlyItsFrames) {
       samples.push_back(static_cast<int16_t>(v));
     }
   }
-  AudioAnalyzer a("SpeechWindowSizeMs=100;SpeechWindowFraction=1", 8000, false);
+  AudioAnalyzer a("SpeechWindowSizeMs=100;SpeechWindowFraction=1;ThresholdLowerLimit=55", 8000, false);
   std::vector<kt::FrameDecision> frames;
   a.SetFrameObserver([&frames](const kt::FrameDecision& d) { frames.push_back(d); });
   a.Process(samples);
-  ASSERT_GE(frames.size(), 108u);
-  for (int f = 100; f < 108; ++f) {  // the plan's premise: loud and noise frames either side
-    EXPECT_EQ(frames[f].energy >= frames[f].speechStartThreshold, plan[f] == 'L') << f;
-  }
-  int first = -1;
-  for (const kt::FrameDecision& d : frames) {
-    if (d.isSpeech) {
-      first = d.frameIndex;
-      break;
-    }
-  }
-  EXPECT_EQ(first, 106);
+  ASSERT_GE(frames.size(), 130u);
+  // The plan's premises: loud and noise frames either side of the start threshold, and the
+  // first decision after the start (frames 106 and 107 smoothed) below the end threshold.
+  for (int f = 100; f < 108; ++f) EXPECT_EQ(frames[f].energy >= frames[f].speechStartThreshold, plan[f] == 'L') << f;
+  EXPECT_LT((frames[106].energy + frames[107].energy) / 2, frames[107].speechEndThreshold);
+  std::string states;
+  for (int f = 104; f < 130; ++f) states += frames[f].isSpeech ? 'S' : '-';
+  EXPECT_EQ(states, "--" + std::string(21, 'S') + "---");  // speech from 106 to 126, ended at 127
 }
 
 TEST(AnalyzerTest, FlushEndsTheUtteranceAtTheEndOfTheAudio) {
