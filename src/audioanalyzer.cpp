@@ -33,7 +33,6 @@ AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRa
   _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000.0);
   // Durations use the true frame length: 220 samples at 11025 Hz are 19.95 ms.
   _frameSizeMs = 1000.0 * (_samplesPerFrame / samplingRate);
-  _eosTimeoutMs = 420;
   UpdateParameters(keyValuePairs);
   Reset();
 }
