@@ -37,6 +37,18 @@ TEST(AGCTest, PowerAndClipping) {
   EXPECT_EQ(AGC::ComputeClippingFraction(clipped.begin(), clipped.end()), 1.0f);
 }
 
+// A level is the lower edge of the first bin where at least minSamples levels and percent
+// of all levels are passed: 10 of 101 levels are below 10 per cent.
+TEST(AGCTest, LevelPercentiles) {
+  AGC::Histogram h(101, 400);
+  for (int i = 0; i < 101; ++i) h.Update(i < 10 ? 20.0f : 50.25f);
+  EXPECT_EQ(h.GetLevel(10, true, 1), 50.25f);
+  EXPECT_EQ(h.GetLevel(9, true, 1), 20.0f);
+  EXPECT_EQ(h.GetLevel(0, true, 11), 50.25f);
+  EXPECT_EQ(h.GetLevel(91, false, 1), 20.0f);  // from the top: 91 of 101 are below 91 per cent
+  EXPECT_EQ(h.GetLevel(90, false, 1), 50.25f);
+}
+
 // Digital silence is too low at every update: four relative steps up, a quarter-second
 // block at a time; additive steps, one step of 0.3 each.
 TEST(AGCTest, SilenceClimbsByJumps) {
