@@ -95,9 +95,15 @@ TEST(EnergyHistogramTest, UpdateParametersReplaysTheRing) {
   EXPECT_EQ(h.GetSNR(), snr);
   // A smaller ring keeps the newest energies: the last 40 were all at 89 or 90 dB.
   for (int i = 0; i < 40; ++i) h.Update(89.5 + (i % 2));
+  EnergyHistogram g = h;
   h.UpdateParameters(Parameters("WindowSize=40"));
   EXPECT_EQ(h.GetNoiseLevel(), 89.0);
   EXPECT_EQ(h.GetSNR(), 1.0);
+  // Exactly those 40, counted from 40: the next computation, at 45, finds no older energy
+  // even when a single one sets the noise level.
+  g.UpdateParameters(Parameters("WindowSize=40;CutoffFraction=0.025"));
+  for (int i = 0; i < 5; ++i) g.Update(89.5);
+  EXPECT_EQ(g.GetNoiseLevel(), 89.0);
 }
 
 TEST(EnergyHistogramTest, RefusalsAndAssertions) {
