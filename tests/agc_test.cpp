@@ -47,6 +47,10 @@ TEST(AGCTest, LevelPercentiles) {
   EXPECT_EQ(h.GetLevel(0, true, 11), 50.25f);
   EXPECT_EQ(h.GetLevel(91, false, 1), 20.0f);  // from the top: 91 of 101 are below 91 per cent
   EXPECT_EQ(h.GetLevel(90, false, 1), 50.25f);
+  AGC::Histogram one(10, 400);
+  EXPECT_THROW(one.GetLevel(50, true, 0), std::logic_error);  // no level yet
+  one.Update(30.0f);
+  EXPECT_EQ(one.GetLevel(50, true, 1), 30.0f);
 }
 
 // Digital silence is too low at every update: four relative steps up, a quarter-second
