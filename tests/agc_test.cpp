@@ -78,8 +78,8 @@ TEST(AGCTest, SilenceClimbsByJumps) {
 TEST(AGCTest, SteadyTones) {
   const struct { int amplitude, calls; float gain; const char* params; } table[] = {
       {1000, 12, 0.5f, ""},                                    // 60 dB: nil, never speech
-      {4000, 12, 0.5f, ""},                                    // 72 dB: speech, no change
-      {4000, 12, 0.5f, "UpperBound=71"},                       // its level, 71 dB filtered: not above
+      {4000, 12, 0.5f, ""},                                    // 72 dB (71 filtered): speech, no change
+      {4000, 12, 0.5f, "UpperBound=71"},                       // a bound equal to its level: not above
       {10000, 1, 0.5f * (1.0f - 0.15f) * (1.0f - 0.15f), ""},  // 80 dB: too high
   };
   for (const auto& row : table) {
