@@ -1,6 +1,5 @@
 #include "source.h"
 
-#include <soxr.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,60 +9,18 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "pcm.h"
+#include "resampler.h"
+
 namespace ktcli {
 namespace {
 
 constexpr int kSupportedRatesHz[] = {16000, 11025, 8000};
 constexpr sf_count_t kChunkFrames = 4096;
 
-// Rounds half away from zero, as std::round does, without a libm call per sample: a float
-// times 32768 plus one half is exact in double, so the truncation sees the true sum.
-short ToSample(float fullScaleOne) {
-  const double v = std::min(32767.0, std::max(-32768.0, static_cast<double>(fullScaleOne) * 32768.0));
-  return static_cast<short>(static_cast<int>(v + std::copysign(0.5, v)));
-}
-
 std::string NameOf(const std::string& path) { return path == "-" ? "standard input" : path; }
 
 }  // namespace
-
-// libsoxr's high quality, streaming, single-threaded: 20-bit precision, linear phase.
-class Resampler {
- public:
-  Resampler(int fromHz, int toHz) : _ratio(static_cast<double>(toHz) / fromHz) {
-    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
-    const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
-    const soxr_runtime_spec_t runtime = soxr_runtime_spec(1);
-    soxr_error_t error = nullptr;
-    _soxr = soxr_create(fromHz, toHz, 1, &error, &io, &quality, &runtime);
-    if (error) throw std::runtime_error(std::string("cannot resample: ") + error);
-  }
-  ~Resampler() { soxr_delete(_soxr); }
-  Resampler(const Resampler&) = delete;
-  Resampler& operator=(const Resampler&) = delete;
-
-  // Appends what the input gives to out; no input drains the filter's tail.
-  void Process(const std::vector<float>& in, std::vector<float>& out) {
-    size_t offset = 0;
-    do {
-      const size_t room = static_cast<size_t>(std::ceil((in.size() - offset) * _ratio)) + 64;
-      const size_t at = out.size();
-      out.resize(at + room);
-      size_t used = 0;
-      size_t made = 0;
-      const soxr_error_t error = soxr_process(_soxr, in.empty() ? nullptr : in.data() + offset,
-                                              in.size() - offset, &used, out.data() + at, room, &made);
-      if (error) throw std::runtime_error(std::string("resampling failed: ") + error);
-      out.resize(at + made);
-      offset += used;
-      if (in.empty() && made == 0) break;
-    } while (offset < in.size() || in.empty());
-  }
-
- private:
-  double _ratio;
-  soxr_t _soxr = nullptr;
-};
 
 int AudioSource::AnalysisRateFor(int rateHz) {
   for (const int supported : kSupportedRatesHz) {
