@@ -307,28 +307,27 @@ int RunAgc(const AgcOptions& options) {
     throw UsageError("--log needs --api classes: the C interface writes no diagnostic log");
   }
   if (!throughC) CheckAgcParams(options.params);
+  if (options.outputWav == "-" && options.logPath == "-") {
+    throw UsageError("-o - and --log - cannot both write to standard output");
+  }
   // Claimed before the work so that an unwritable path fails at once.
   std::unique_ptr<PendingFile> wav;
   std::unique_ptr<PendingFile> log;
   if (!options.outputWav.empty()) wav = std::make_unique<PendingFile>(options.outputWav);
   if (!options.logPath.empty()) log = std::make_unique<PendingFile>(options.logPath);
+  // Standard output carries the recording or the log instead of the update lines.
+  const bool printUpdates = options.outputWav != "-" && options.logPath != "-";
   AudioSource source(options.input.path, options.input.rawRateHz);
   const int rateHz = source.GetRateHz();
   const int blockSamples = BlockSamples(options.input, rateHz);
-  std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> wavFile(nullptr, sf_close);
-  if (wav) {
-    SF_INFO info{};
-    info.samplerate = rateHz;
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-    wavFile.reset(sf_open(wav->GetTemporaryPath().c_str(), SFM_WRITE, &info));
-    if (!wavFile) throw std::runtime_error("cannot write " + wav->GetPath() + ": " + sf_strerror(nullptr));
-  }
+  std::unique_ptr<WavWriter> wavFile;
+  if (wav) wavFile = std::make_unique<WavWriter>(*wav, rateHz, 1);
   std::shared_ptr<std::ofstream> logStream;
   if (log) logStream = std::make_shared<std::ofstream>(log->GetTemporaryPath(), std::ios::binary);
 
   LineBuffer out;
   auto sink = [&](const GainUpdate& update, const nlohmann::ordered_json& record) {
+    if (!printUpdates) return;
     if (options.json) return out.Add(record.dump());
     out.Add(Fixed(update.GetTimeS(), 3) + " " + Fixed(update.GetGain(), 6) + " " +
             (throughC ? std::to_string(record["volume"].get<long>()) + "/" + std::to_string(options.bound)
@@ -338,15 +337,14 @@ int RunAgc(const AgcOptions& options) {
                                          : std::make_unique<AgcRun>(rateHz, options.params, options.startGain, logStream, sink);
   const bool interrupted = Pump(source, blockSamples, [&](const kt::AudioData& block) {
     const kt::AudioData& scaled = run->Process(block);
-    if (wavFile && sf_writef_short(wavFile.get(), scaled.data(), static_cast<sf_count_t>(scaled.size())) !=
-                       static_cast<sf_count_t>(scaled.size())) {
-      throw std::runtime_error("cannot write " + wav->GetPath() + ": " + sf_strerror(wavFile.get()));
-    }
+    if (wavFile) wavFile->Write(scaled.data(), scaled.size());
+    if (logStream && log->IsDirect()) logStream->flush();  // a reader of a FIFO hears it as it comes
     out.Flush();
   });
-  // Files that the interruption left unfinished are removed with their temporary names.
-  if (!interrupted) {
-    if (wavFile && sf_close(wavFile.release()) != 0) throw std::runtime_error("cannot write " + wav->GetPath());
+  // A live input ends only by a signal, and its files keep what was heard; files that an
+  // interruption left unfinished are otherwise removed with their temporary names.
+  if (!interrupted || source.IsLive()) {
+    if (wavFile) wavFile->Close();
     if (logStream && !logStream->flush()) throw std::runtime_error("cannot write " + log->GetPath());
     if (wav) wav->Commit();
     if (log) log->Commit();

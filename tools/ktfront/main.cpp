@@ -163,6 +163,8 @@ int main(int argc, char** argv) {
   try {
     if (*evalCommand) return ktcli::RunEval(eval);
     if (*tuneCommand) return ktcli::RunTune(tune);
+    // Before any input is opened: a signal while a header is awaited ends the run too.
+    ktcli::InstallSignalHandlers();
     if (*plotCommand) return ktcli::RunPlot(plot);
     const std::vector<std::string> inputs = ktcli::ExpandManifests(files);
     if (*vadCommand) {

@@ -1,5 +1,8 @@
 #include "source.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "output.h"
 #include "pcm.h"
 #include "resampler.h"
 
@@ -19,6 +23,118 @@ constexpr int kSupportedRatesHz[] = {16000, 11025, 8000};
 constexpr sf_count_t kChunkFrames = 4096;
 
 std::string NameOf(const std::string& path) { return path == "-" ? "standard input" : path; }
+
+// What the first bytes of an input say about it.
+enum class Header { Known, Unknown, NeedMore };
+
+// Enough for the longest fixed header below and four MPEG frames of any kind.
+constexpr size_t kPeekBytes = 12288;
+
+// The length of the MPEG audio frame whose header starts at b, or 0 if that is no valid
+// header; a sample rate and layer differing from the first frame's also count as invalid.
+size_t MpegFrameBytes(const unsigned char* b, unsigned& kind) {
+  static const int kBitratesKbps[5][16] = {
+      {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 0},  // MPEG-1 layer I
+      {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 0},     // MPEG-1 layer II
+      {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 0},      // MPEG-1 layer III
+      {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256, 0},     // MPEG-2/2.5 layer I
+      {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0}};         // MPEG-2/2.5 layers II, III
+  static const int kRatesHz[3] = {44100, 48000, 32000};
+  if (b[0] != 0xFF || (b[1] & 0xE0) != 0xE0) return 0;
+  const int version = (b[1] >> 3) & 3;  // 0: 2.5, 2: 2, 3: 1
+  const int layer = 4 - ((b[1] >> 1) & 3);
+  const int bitrateIndex = b[2] >> 4;
+  const int rateIndex = (b[2] >> 2) & 3;
+  if (version == 1 || layer == 4 || bitrateIndex == 0 || bitrateIndex == 15 || rateIndex == 3) return 0;
+  const unsigned thisKind = static_cast<unsigned>(b[1] & 0x1E) << 8 | static_cast<unsigned>(rateIndex);
+  if (kind != 0 && kind != thisKind) return 0;
+  kind = thisKind;
+  const long bitrate = 1000L * kBitratesKbps[version == 3 ? layer - 1 : (layer == 1 ? 3 : 4)][bitrateIndex];
+  const long rateHz = kRatesHz[rateIndex] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+  const long padding = (b[2] >> 1) & 1;
+  if (layer == 1) return static_cast<size_t>((12 * bitrate / rateHz + padding) * 4);
+  return static_cast<size_t>((layer == 3 && version != 3 ? 72 : 144) * bitrate / rateHz + padding);
+}
+
+// Recognises the formats libsndfile reads by their headers. Headerless samples are never
+// handed to a decoder to see whether it accepts them: noise passes for MPEG audio.
+Header Recognise(const std::string& bytes, bool complete) {
+  const auto* b = reinterpret_cast<const unsigned char*>(bytes.data());
+  const size_t n = bytes.size();
+  auto at = [&](size_t offset, const char* magic) { return bytes.compare(offset, std::strlen(magic), magic) == 0; };
+  if (n < 28 && !complete) return Header::NeedMore;
+  if (n >= 12 && (at(0, "RIFF") || at(0, "RIFX") || at(0, "RF64") || at(0, "BW64")) && at(8, "WAVE")) return Header::Known;
+  if (n >= 28 && at(0, "riff") && at(24, "wave")) return Header::Known;  // Sony Wave64
+  if (n >= 12 && at(0, "FORM") && (at(8, "AIFF") || at(8, "AIFC"))) return Header::Known;
+  for (const char* magic : {"fLaC", "OggS", ".snd", "dns.", "caff", "NIST_1A", "Creative Voice File", "ID3"}) {
+    if (n >= std::strlen(magic) && at(0, magic)) return Header::Known;
+  }
+  // A run of MPEG frames from the first byte: four, or all there are up to the end.
+  unsigned kind = 0;
+  size_t offset = 0;
+  for (int frames = 0; frames < 4; ++frames) {
+    if (offset + 4 > n) return complete ? (frames > 0 && offset == n ? Header::Known : Header::Unknown) : Header::NeedMore;
+    const size_t length = MpegFrameBytes(b + offset, kind);
+    if (length < 4) return Header::Unknown;
+    offset += length;
+  }
+  return Header::Known;
+}
+
+// Up to kPeekBytes from the start of fd, left there for the decoder: read in place from a
+// file, copied with tee(2) from a pipe (waiting until the writer has given enough to tell),
+// peeked at on a socket.
+std::string Peek(int fd, const std::string& name) {
+  std::string bytes(kPeekBytes, '\0');
+  struct stat status {};
+  fstat(fd, &status);
+  if (S_ISFIFO(status.st_mode)) {
+    int scratch[2];
+    if (pipe2(scratch, O_CLOEXEC) != 0) throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
+    fcntl(scratch[1], F_SETPIPE_SZ, static_cast<int>(kPeekBytes));
+    size_t have = 0;
+    for (bool ended = false; !ended && !Interrupted();) {
+      pollfd poll1{fd, POLLIN, 0};
+      if (poll(&poll1, 1, -1) < 0) continue;  // a signal; Interrupted() tells
+      ended = (poll1.revents & POLLHUP) != 0 && (poll1.revents & POLLIN) == 0;
+      const ssize_t copied = ended ? 0 : tee(fd, scratch[1], kPeekBytes, SPLICE_F_NONBLOCK);
+      if (copied < 0 && errno != EAGAIN) break;
+      have = 0;
+      for (ssize_t got; have < static_cast<size_t>(std::max<ssize_t>(copied, 0)) &&
+                        (got = read(scratch[0], &bytes[have], kPeekBytes - have)) > 0;) {
+        have += static_cast<size_t>(got);
+      }
+      // All that will come is in the pipe once its writer has gone.
+      ended = ended || (poll1.revents & POLLHUP) != 0;
+      if (Recognise(bytes.substr(0, have), ended || have == kPeekBytes) != Header::NeedMore) break;
+      if (!ended) usleep(10000);  // the pipe holds some bytes; wait for the rest
+    }
+    close(scratch[0]);
+    close(scratch[1]);
+    bytes.resize(have);
+    return bytes;
+  }
+  ssize_t got = S_ISSOCK(status.st_mode) ? recv(fd, &bytes[0], kPeekBytes, MSG_PEEK | MSG_WAITALL)
+                                          : pread(fd, &bytes[0], kPeekBytes, lseek(fd, 0, SEEK_CUR));
+  if (got < 0) throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
+  bytes.resize(static_cast<size_t>(got));
+  return bytes;
+}
+
+// Formats whose samples are decoded as floats; every other one is read as 16-bit integers,
+// which keeps wider integer formats as libsndfile shortens them.
+bool IsFloatFormat(int format) {
+  switch (format & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_FLOAT:
+    case SF_FORMAT_DOUBLE:
+    case SF_FORMAT_VORBIS:
+    case SF_FORMAT_OPUS:
+    case SF_FORMAT_MPEG_LAYER_I:
+    case SF_FORMAT_MPEG_LAYER_II:
+    case SF_FORMAT_MPEG_LAYER_III: return true;
+    default: return false;
+  }
+}
 
 }  // namespace
 
@@ -36,17 +152,33 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
     throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
   }
   if (path != "-" && S_ISDIR(status.st_mode)) throw std::runtime_error("cannot read " + path + ": it is a directory");
+  const int fd = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+  fstat(fd, &status);
+  _live = !S_ISREG(status.st_mode);
   if (rawRateHz > 0) {
     _info.samplerate = rawRateHz;
     _info.channels = 1;
     _info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+  } else {
+    std::string bytes;
+    try {
+      bytes = Peek(fd, _name);
+    } catch (...) {
+      if (fd != STDIN_FILENO) close(fd);
+      throw;
+    }
+    if (Recognise(bytes, true) != Header::Known) {
+      if (fd != STDIN_FILENO) close(fd);
+      throw std::runtime_error("cannot read " + _name + ": " +
+                               (bytes.empty() ? "it is empty" : "no audio file header recognised") +
+                               " (raw audio needs --rate)");
+    }
   }
-  _file = path == "-" ? sf_open_fd(STDIN_FILENO, SFM_READ, &_info, SF_FALSE)
-                      : sf_open(path.c_str(), SFM_READ, &_info);
+  _file = sf_open_fd(fd, SFM_READ, &_info, fd == STDIN_FILENO ? SF_FALSE : SF_TRUE);
   if (!_file) {
-    std::string why = sf_strerror(nullptr);
-    if (path == "-" && rawRateHz == 0) why += " (raw audio needs --rate)";
-    throw std::runtime_error("cannot read " + _name + ": " + why);
+    if (fd != STDIN_FILENO) close(fd);
+    throw std::runtime_error("cannot read " + _name + ": " + sf_strerror(nullptr));
   }
   // libsndfile trusts the file over a header that claims more data, and only logs it.
   char log[4096] = {};
@@ -57,8 +189,7 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
     const char* claim = line ? std::strstr(line, "(should be ") : nullptr;
     if (claim && (!lineEnd || claim < lineEnd)) _truncated = true;
   }
-  // Float files hold -1..1; read them scaled to the 16-bit range like integer ones.
-  sf_command(_file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
+  _float = IsFloatFormat(_info.format);
   _rateHz = AnalysisRateFor(_info.samplerate);
   if (_rateHz == 0) {
     sf_close(_file);
@@ -75,7 +206,17 @@ bool AudioSource::Read() {
   if (_ended) return false;
   const size_t channels = static_cast<size_t>(_info.channels);
   _sourceChunk.resize(static_cast<size_t>(kChunkFrames) * channels);
-  const sf_count_t frames = sf_readf_short(_file, _sourceChunk.data(), kChunkFrames);
+  sf_count_t frames = 0;
+  if (_float) {
+    // Full scale is -1..1 whatever the file's own peak: the true level, as for integers.
+    _floatChunk.resize(_sourceChunk.size());
+    frames = sf_readf_float(_file, _floatChunk.data(), kChunkFrames);
+    for (size_t i = 0; i < static_cast<size_t>(std::max<sf_count_t>(frames, 0)) * channels; ++i) {
+      _sourceChunk[i] = ToSample(_floatChunk[i]);
+    }
+  } else {
+    frames = sf_readf_short(_file, _sourceChunk.data(), kChunkFrames);
+  }
   if (sf_error(_file) != SF_ERR_NO_ERROR) {
     throw std::runtime_error("cannot read " + _name + ": " + sf_strerror(_file));
   }

@@ -17,7 +17,9 @@ class Resampler;
 class AudioSource {
  public:
   // path "-" reads standard input. rawRateHz > 0 reads headerless 16-bit little-endian
-  // mono at that rate; 0 lets libsndfile recognise the format. Throws std::runtime_error.
+  // mono at that rate; 0 recognises the format by its header, and refuses input without
+  // one. Float formats are read at their true level, -1..1 being full scale. Throws
+  // std::runtime_error.
   AudioSource(const std::string& path, int rawRateHz);
   ~AudioSource();
   AudioSource(const AudioSource&) = delete;
@@ -38,6 +40,8 @@ class AudioSource {
   int GetSourceRateHz() const { return _info.samplerate; }
   int GetSourceChannels() const { return _info.channels; }
   const std::string& GetName() const { return _name; }
+  // Not a regular file (a pipe, a FIFO, a device): stopping it is the only way to end it.
+  bool IsLive() const { return _live; }
   // One line for the user: which rate the services run at and how it was reached.
   std::string Describe() const;
 
@@ -48,12 +52,15 @@ class AudioSource {
   int _rateHz = 0;
   std::unique_ptr<Resampler> _resampler;
   std::vector<short> _sourceChunk;
+  std::vector<float> _floatChunk;
   std::vector<float> _mono;
   std::vector<float> _resampled;  // kept from chunk to chunk, so reading allocates nothing
   kt::AudioData _samples;
   uint64_t _framesRead = 0;
   uint64_t _samplesRead = 0;
   bool _ended = false;
+  bool _float = false;  // samples decoded as floats
+  bool _live = false;
   bool _truncated = false;  // the header promised more data than the file holds
 };
 
