@@ -135,10 +135,10 @@ std::string PlainLine(const nlohmann::ordered_json& record, const VadOptions& op
   return "";
 }
 
-std::vector<Segment> ReadReference(const std::string& path, const std::string& recording) {
+std::vector<Segment> ReadReference(const std::string& path, const std::string& fileId) {
   std::vector<Segment> labels;
   if (path.empty()) return labels;
-  for (const Region& region : ktcli::ReadLabels(path, StemOf(recording))) labels.emplace_back(region.startS, region.endS, false);
+  for (const Region& region : ktcli::ReadLabels(path, fileId)) labels.emplace_back(region.startS, region.endS, false);
   return labels;
 }
 
@@ -362,7 +362,7 @@ int RunPlot(const PlotOptions& options) {
   for (const std::string& path : options.outputs) {
     if (!Plot::IsSupportedFormat(path)) throw UsageError("cannot draw " + path + ": the picture must be .svg or .png");
   }
-  const std::vector<Segment> labels = ReadReference(options.labelsPath, options.input.path);
+  const std::vector<Segment> labels = ReadReference(options.labelsPath, options.labelsId.empty() ? StemOf(options.input.path) : options.labelsId);
   std::vector<PendingFile> files;
   for (const std::string& path : options.outputs) files.emplace_back(path);
   AudioSource source(options.input.path, options.input.rawRateHz);

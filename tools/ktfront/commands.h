@@ -51,6 +51,7 @@ struct PlotOptions {
   std::string params;
   std::vector<std::string> outputs;
   std::string labelsPath;
+  std::string labelsId;
   bool agc = false;
   std::string agcParams;
   float startGain = 0.5f;

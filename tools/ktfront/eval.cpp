@@ -135,7 +135,8 @@ std::vector<Region> Detect(const Recording& recording, const std::string& params
 }
 
 std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const std::vector<std::string>& labels,
-                                    int rawRateHz, int jobs, std::vector<std::string>& errors) {
+                                    int rawRateHz, int jobs, std::vector<std::string>& errors,
+                                    const std::string& labelsId) {
   if (labels.size() > 1 && labels.size() != files.size()) {
     throw UsageError(std::to_string(labels.size()) + " label files for " + std::to_string(files.size()) +
                      " recordings: give one for all, one per recording, or none to find them beside the recordings");
@@ -147,7 +148,7 @@ std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const
       throw std::runtime_error("no labels for " + files[i] + " (looked for " + StemOf(files[i]) +
                                ".labels, .txt, .rttm, .TextGrid, .json beside it)");
     }
-    const std::vector<Region> reference = ReadLabels(labelPath, StemOf(files[i]));
+    const std::vector<Region> reference = ReadLabels(labelPath, labelsId.empty() ? StemOf(files[i]) : labelsId);
     recordings[i] = Decode(files[i], rawRateHz);
     recordings[i].reference = reference;
   });
@@ -204,7 +205,7 @@ int RunEval(const EvalOptions& options) {
   CheckParams(options.params);
   const std::vector<std::string> files = ExpandManifests(options.files);
   std::vector<std::string> errors;
-  const std::vector<Recording> recordings = LoadLabelled(files, options.labels, options.rawRateHz, options.jobs, errors);
+  const std::vector<Recording> recordings = LoadLabelled(files, options.labels, options.rawRateHz, options.jobs, errors, options.labelsId);
   std::vector<Score> scores(files.size());
   const std::vector<std::string> detectErrors = ParallelFor(files.size(), options.jobs, [&](size_t i) {
     if (errors[i].empty()) scores[i] = Evaluate(recordings[i].reference, Detect(recordings[i], options.params, options.blockMs), options.collarS);

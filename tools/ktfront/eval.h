@@ -44,10 +44,11 @@ Recording Decode(const std::string& path, int rawRateHz);
 std::vector<Region> Detect(const Recording& recording, const std::string& params, int blockMs);
 
 // Decodes every file and reads its labels: labels.size() 0 (found beside each recording),
-// 1 (one file for all; RTTM lines picked by stem) or one per file. errors[i] is empty for
-// a file that loaded.
+// 1 (one file for all; RTTM lines picked by labelsId, or else by stem) or one per file.
+// errors[i] is empty for a file that loaded.
 std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const std::vector<std::string>& labels,
-                                    int rawRateHz, int jobs, std::vector<std::string>& errors);
+                                    int rawRateHz, int jobs, std::vector<std::string>& errors,
+                                    const std::string& labelsId = "");
 
 // A table with one row per named score and a total row.
 std::string FormatScores(const std::vector<std::string>& names, const std::vector<Score>& scores);
@@ -59,6 +60,7 @@ std::string FormatScoresJson(const std::vector<std::string>& names, const std::v
 struct EvalOptions {
   std::vector<std::string> files;
   std::vector<std::string> labels;
+  std::string labelsId;
   std::string params;
   double collarS = 0.0;
   bool json = false;

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -46,8 +48,9 @@ std::vector<std::string> Split(const std::string& line, char separator) {
   return fields;
 }
 
+// Zero-length labels (Audacity's point labels) mark instants: they go to points, if given.
 void AddRegion(std::vector<Region>& regions, const std::string& path, int line, const std::string& startText,
-               const std::string& endText, bool isDuration) {
+               const std::string& endText, bool isDuration, std::vector<double>* points = nullptr) {
   double start = 0.0;
   double end = 0.0;
   if (!ParseNumber(startText, start)) throw LabelError(path, line, "\"" + startText + "\" is not a time in seconds");
@@ -57,10 +60,63 @@ void AddRegion(std::vector<Region>& regions, const std::string& path, int line, 
   if (isDuration) end += start;
   if (start < 0.0) throw LabelError(path, line, "negative time " + startText);
   if (end < start) throw LabelError(path, line, "region ends before it starts");
+  if (end == start && points) return points->push_back(start);
   regions.push_back({start, end});
 }
 
 enum class Kind { Plain, Audacity, Rttm, TextGrid, Json };
+
+bool IsRttmType(const std::string& word) {
+  static const std::set<std::string> kTypes = {"SPEAKER", "SPKR-INFO", "SEGMENT", "NOSCORE", "NO_RT_METADATA", "LEXEME",
+                                               "NON-LEX", "NON-SPEECH", "FILLER", "IP", "SU", "EDIT", "CB", "A/P"};
+  return kTypes.count(word) != 0;
+}
+
+// Appends code point c as UTF-8.
+void AppendUtf8(std::string& out, unsigned long c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+}
+
+// The text as UTF-8: a UTF-8 byte order mark is dropped, UTF-16 with one (as Praat writes a
+// TextGrid holding any non-ASCII character) is converted.
+std::string ToUtf8(const std::string& bytes, const std::string& path) {
+  if (bytes.rfind("\xEF\xBB\xBF", 0) == 0) return bytes.substr(3);
+  const bool little = bytes.rfind("\xFF\xFE", 0) == 0;
+  if (!little && bytes.rfind("\xFE\xFF", 0) != 0) return bytes;
+  if (bytes.size() % 2 != 0) throw LabelError(path, 1, "UTF-16 text of an odd number of bytes");
+  auto unit = [&](size_t at) {
+    const auto a = static_cast<unsigned char>(bytes[at]), b = static_cast<unsigned char>(bytes[at + 1]);
+    return little ? static_cast<unsigned long>(b << 8 | a) : static_cast<unsigned long>(a << 8 | b);
+  };
+  std::string text;
+  int line = 1;
+  for (size_t at = 2; at < bytes.size(); at += 2) {
+    unsigned long c = unit(at);
+    if (c >= 0xD800 && c < 0xDC00 && at + 3 < bytes.size() && unit(at + 2) >= 0xDC00 && unit(at + 2) < 0xE000) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (unit(at + 2) - 0xDC00);
+      at += 2;
+    } else if (c >= 0xD800 && c < 0xE000) {
+      throw LabelError(path, line, "broken UTF-16 surrogate pair");
+    }
+    if (c == '\n') ++line;
+    AppendUtf8(text, c);
+  }
+  return text;
+}
 
 Kind Recognize(const std::string& text) {
   std::istringstream stream(text);
@@ -70,9 +126,7 @@ Kind Recognize(const std::string& text) {
     const std::string rest = line.substr(first);
     if (rest.rfind("File type", 0) == 0 || rest.find("ooTextFile") != std::string::npos) return Kind::TextGrid;
     if (rest[0] == '{') return Kind::Json;
-    if (rest.rfind("SPEAKER", 0) == 0 || rest.rfind(";;", 0) == 0 || rest.rfind("SPKR-INFO", 0) == 0) {
-      return Kind::Rttm;
-    }
+    if (rest.rfind(";;", 0) == 0 || IsRttmType(rest.substr(0, rest.find_first_of(" \t")))) return Kind::Rttm;
     if (rest.find('\t') != std::string::npos) return Kind::Audacity;
     if (rest[0] != '#') return Kind::Plain;
   }
@@ -174,9 +228,10 @@ std::vector<Region> ParseTextGrid(const std::string& text, const std::string& pa
   throw LabelError(path, tokens.empty() ? 1 : tokens.back().line, "TextGrid has no interval tier");
 }
 
-std::vector<Region> ParseLines(const std::string& text, const std::string& path, Kind kind, const std::string& fileId) {
+std::vector<Region> ParseLines(const std::string& text, const std::string& path, Kind kind, const std::string& fileId,
+                               std::vector<double>* points) {
   std::vector<Region> regions;
-  std::vector<std::pair<std::string, Region>> rttm;
+  std::set<std::string> ids;  // the recordings an RTTM file speaks of
   std::istringstream stream(text);
   int number = 0;
   for (std::string line; std::getline(stream, line);) {
@@ -195,32 +250,34 @@ std::vector<Region> ParseLines(const std::string& text, const std::string& path,
       if (!record.contains("start") || !record.contains("end") || !record["start"].is_number() || !record["end"].is_number()) {
         throw LabelError(path, number, "segment without numeric start and end");
       }
-      AddRegion(regions, path, number, Fixed(record["start"].get<double>(), 9), Fixed(record["end"].get<double>(), 9), false);
+      AddRegion(regions, path, number, Fixed(record["start"].get<double>(), 9), Fixed(record["end"].get<double>(), 9), false,
+                points);
     } else if (kind == Kind::Rttm) {
       if (words[0] != "SPEAKER") continue;  // comments and other record types
       if (words.size() < 5) throw LabelError(path, number, "expected SPEAKER FILE CHANNEL START DURATION ...");
-      std::vector<Region> one;
-      AddRegion(one, path, number, words[3], words[4], true);
-      rttm.emplace_back(words[1], one[0]);
+      ids.insert(words[1]);
+      if (!fileId.empty() && words[1] != fileId) continue;
+      AddRegion(regions, path, number, words[3], words[4], true, points);
     } else if (kind == Kind::Audacity) {
       if (line[0] == '\\') continue;  // a spectral selection belonging to the label above
       const std::vector<std::string> fields = Split(line, '\t');
       if (fields.size() < 2) throw LabelError(path, number, "expected START<TAB>END<TAB>LABEL");
-      AddRegion(regions, path, number, fields[0], fields[1], false);
+      AddRegion(regions, path, number, fields[0], fields[1], false, points);
     } else {
       // vad's plain output may carry volume and frame lines and mark a segment "open".
       if (words[0] == "volume" || words[0] == "frame") continue;
       if (words.size() < 2 || words.size() > 3 || (words.size() == 3 && words[2] != "open")) {
         throw LabelError(path, number, "expected \"start end\" in seconds");
       }
-      AddRegion(regions, path, number, words[0], words[1], false);
+      AddRegion(regions, path, number, words[0], words[1], false, points);
     }
   }
-  if (kind == Kind::Rttm) {
-    const bool matches = std::any_of(rttm.begin(), rttm.end(), [&](const auto& entry) { return entry.first == fileId; });
-    for (const auto& entry : rttm) {
-      if (!matches || entry.first == fileId) regions.push_back(entry.second);
-    }
+  // Another recording's lines would be scored against this one as if they were its own.
+  if (kind == Kind::Rttm && !fileId.empty() && ids.count(fileId) == 0) {
+    std::string known;
+    for (const std::string& id : ids) known += (known.empty() ? "" : ", ") + id;
+    throw std::runtime_error(path + ": no SPEAKER line for recording \"" + fileId + "\"" +
+                             (known.empty() ? std::string(" (it has none)") : " (it has " + known + "; --labels-id names the one to use)"));
   }
   return regions;
 }
@@ -236,9 +293,11 @@ LabelFormat ParseLabelFormat(const std::string& name) {
   throw std::invalid_argument("unknown label format \"" + name + "\"");
 }
 
-std::vector<Region> ParseLabels(const std::string& text, const std::string& path, const std::string& fileId) {
+std::vector<Region> ParseLabels(const std::string& bytes, const std::string& path, const std::string& fileId,
+                                std::vector<double>* points) {
+  const std::string text = ToUtf8(bytes, path);
   const Kind kind = Recognize(text);
-  return kind == Kind::TextGrid ? ParseTextGrid(text, path) : ParseLines(text, path, kind, fileId);
+  return kind == Kind::TextGrid ? ParseTextGrid(text, path) : ParseLines(text, path, kind, fileId, points);
 }
 
 std::vector<Region> ReadLabels(const std::string& path, const std::string& fileId) {
@@ -246,7 +305,15 @@ std::vector<Region> ReadLabels(const std::string& path, const std::string& fileI
   if (!stream) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
   std::ostringstream text;
   text << stream.rdbuf();
-  return ParseLabels(text.str(), path, fileId);
+  std::vector<double> points;
+  std::vector<Region> regions = ParseLabels(text.str(), path, fileId, &points);
+  if (!points.empty()) {
+    std::string at;
+    for (size_t i = 0; i < points.size() && i < 5; ++i) at += (i ? ", " : "") + Fixed(points[i], 3);
+    std::cerr << "ktfront: warning: " << path << ": " << points.size() << " point label" << (points.size() > 1 ? "s" : "")
+              << " (no length; at " << at << (points.size() > 5 ? ", ..." : "") << " s) left out: a label of no length marks no region\n";
+  }
+  return regions;
 }
 
 std::vector<Region> Normalize(std::vector<Region> regions) {

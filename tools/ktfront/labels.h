@@ -17,11 +17,15 @@ enum class LabelFormat { Plain, Audacity, Rttm, TextGrid, Json };
 // "plain", "audacity", "rttm", "textgrid" or "json"; throws std::invalid_argument.
 LabelFormat ParseLabelFormat(const std::string& name);
 
-// Reads speech regions from a label file in any of the formats, recognised by content.
-// fileId picks an RTTM file's lines for one recording when the file holds several.
+// Reads speech regions from a label file in any of the formats, recognised by content, in
+// UTF-8 (with or without a byte order mark) or UTF-16 with one. fileId picks an RTTM file's
+// lines for one recording, and a file without any is refused; empty takes every line.
+// Labels of no length are no regions: ParseLabels hands their times to points (if not
+// null), ReadLabels warns about them on standard error.
 // Throws std::runtime_error "PATH:LINE: what is wrong".
 std::vector<Region> ReadLabels(const std::string& path, const std::string& fileId = "");
-std::vector<Region> ParseLabels(const std::string& text, const std::string& path, const std::string& fileId = "");
+std::vector<Region> ParseLabels(const std::string& bytes, const std::string& path, const std::string& fileId = "",
+                                std::vector<double>* points = nullptr);
 
 // Sorted, with overlapping or touching regions joined.
 std::vector<Region> Normalize(std::vector<Region> regions);

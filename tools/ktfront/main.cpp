@@ -93,6 +93,7 @@ int main(int argc, char** argv) {
   AddParamsOption(plotCommand, plot.params, "Analyzer");
   plotCommand->add_option("-o,--output", plot.outputs, "Picture to write, .svg or .png; may be repeated")->required();
   plotCommand->add_option("--labels", plot.labelsPath, "Reference regions to draw: plain, Audacity, RTTM, TextGrid or JSON");
+  plotCommand->add_option("--labels-id", plot.labelsId, "The RTTM recording ID to draw (default: the recording's stem)");
   plotCommand->add_flag("--agc", plot.agc, "Add the gain trajectory of a closed-loop gain control run");
   plotCommand->add_option("--agc-params", plot.agcParams, "Gain-control parameter string for --agc");
   plotCommand->add_option("--from", plot.fromS, "Show the recording from this time (s)")->check(CLI::NonNegativeNumber);
@@ -106,7 +107,9 @@ int main(int argc, char** argv) {
   CLI::App* evalCommand = app.add_subcommand("eval", "Score the detected speech against reference labels");
   evalCommand->add_option("FILE", eval.files, "Recordings, or @list.txt")->required();
   evalCommand->add_option("--labels", eval.labels, "Reference labels: one file for all or one per recording "
-                          "(default: STEM.labels, .txt, .rttm, .TextGrid or .json beside each recording)");
+                          "(default: STEM.labels, .txt, .rttm, .TextGrid or .json beside each recording)")
+      ->allow_extra_args(false);
+  evalCommand->add_option("--labels-id", eval.labelsId, "The RTTM recording ID to score against (default: each recording's stem)");
   evalCommand->add_option("--params", eval.params, "Analyzer parameter string \"Key=Value;...\"");
   evalCommand->add_option("--collar", eval.collarS, "Seconds around each reference boundary left unscored")
       ->check(CLI::NonNegativeNumber);
@@ -121,7 +124,7 @@ int main(int argc, char** argv) {
   ktcli::TuneOptions tune;
   CLI::App* tuneCommand = app.add_subcommand("tune", "Search the analyzer's parameter string for the lowest error rate");
   tuneCommand->add_option("FILE", tune.files, "Labelled recordings to tune on, or @list.txt")->required();
-  tuneCommand->add_option("--labels", tune.labels, "Reference labels, as for eval");
+  tuneCommand->add_option("--labels", tune.labels, "Reference labels, as for eval")->allow_extra_args(false);
   tuneCommand->add_option("--validate", tune.validate, "Labelled recordings to compare defaults and best string on")
       ->expected(1, -1);
   tuneCommand->add_option("--keys", tune.keys, "Keys to search (default: time-out, speech window, histogram)")

@@ -1,6 +1,7 @@
 // End-to-end tests: run the built ktfront on the bundled samples and on streams made from them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
 #include <sys/resource.h>
@@ -15,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -105,8 +107,24 @@ std::vector<short> ReadAudio(const std::string& path, int& rateHz, int& channels
 void WriteAudio(const std::string& path, const std::vector<short>& samples, int rateHz, int channels, int format) {
   SF_INFO info{0, rateHz, channels, format, 0, 0};
   SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+  ASSERT_NE(file, nullptr) << path << ": " << sf_strerror(nullptr);
   sf_writef_short(file, samples.data(), static_cast<sf_count_t>(samples.size() / channels));
   sf_close(file);
+}
+
+// Full scale is 1.0 in float files: -1..1 reaches the 16-bit scale through x32768.
+void WriteFloats(const std::string& path, const std::vector<float>& samples, int rateHz, int format) {
+  SF_INFO info{0, rateHz, 1, format, 0, 0};
+  SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+  ASSERT_NE(file, nullptr) << path << ": " << sf_strerror(nullptr);
+  sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+  sf_close(file);
+}
+
+std::string Slurp(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 std::vector<Interval> Intervals(std::istream&& lines) {
@@ -298,6 +316,121 @@ TEST(Plot, WritesSvgAndPng) {
   png << std::ifstream(dir / "p.png").rdbuf();
   EXPECT_NE(svg.str().find("<svg"), std::string::npos);
   EXPECT_EQ(png.str().substr(1, 3), "PNG");
+}
+
+// A quiet recording (-40 dB) stored as 16-bit, float and double WAV reads as the same samples;
+// Vorbis and Opus keep its level within a decibel; a file and a pipe read alike.
+TEST(Input, FloatAndLossyFormatsKeepTheirTrueLevelThroughFilesAndPipes) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  const std::vector<short> loud = ReadAudio(Sample("forecast_16000"), rate, channels);
+  std::vector<short> quiet;
+  std::vector<float> floats;
+  for (short s : loud) {
+    quiet.push_back(static_cast<short>(std::lround(s * 0.01)));
+    floats.push_back(quiet.back() / 32768.0f);
+  }
+  WriteAudio(dir / "q16.wav", quiet, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  WriteFloats(dir / "q32.wav", floats, rate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+  WriteFloats(dir / "q64.wav", floats, rate, SF_FORMAT_WAV | SF_FORMAT_DOUBLE);
+  WriteFloats(dir / "q.ogg", floats, rate, SF_FORMAT_OGG | SF_FORMAT_VORBIS);
+  std::vector<float> floats48;  // Opus runs at 48 kHz
+  for (size_t i = 0; i < floats.size() * 3; ++i) floats48.push_back(floats[i / 3]);
+  WriteFloats(dir / "q.opus", floats48, 48000, SF_FORMAT_OGG | SF_FORMAT_OPUS);
+  const std::string reference = Cli("vad --json " + (dir / "q16.wav")).out;
+  auto loudest = [](const std::string& jsonLines) {  // the highest peak in dBFS
+    double top = 0;
+    std::istringstream lines(jsonLines);
+    for (std::string line; std::getline(lines, line);) {
+      const nlohmann::json r = nlohmann::json::parse(line);
+      if (r.at("type") == "volume") top = std::max(top, r.at("volume").get<double>());
+    }
+    return 20 * std::log10(top / 32768);
+  };
+  const double level = loudest(reference);
+  int peak = 0;
+  for (short s : quiet) peak = std::max(peak, std::abs(static_cast<int>(s)));
+  EXPECT_NEAR(level, 20 * std::log10(peak / 32768.0), 0.01);  // about -46 dBFS
+  for (const char* name : {"q32.wav", "q64.wav", "q.ogg", "q.opus"}) {
+    const Cli file("vad --json " + (dir / name)), redirected("vad --json - < " + (dir / name)), pipe("vad --json - < <(cat " + (dir / name) + ")");
+    EXPECT_EQ(file.status, 0) << name << file.err;
+    if (std::string(name).find(".wav") != std::string::npos) { EXPECT_TRUE(file.out == reference) << name; }
+    EXPECT_NEAR(loudest(file.out), level, 1.0) << name;
+    EXPECT_TRUE(redirected.out == file.out) << name;
+    EXPECT_TRUE(pipe.out == file.out) << name;
+  }
+}
+
+// Formats are known by their headers: MPEG audio without a tag is found by its frames, while
+// headerless samples, which a decoder would take for MPEG, are refused from a file and a pipe.
+TEST(Input, FormatsAreRecognisedByTheirHeadersAndHeaderlessInputIsRefused) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  const std::vector<short> samples = ReadAudio(Sample("forecast_16000"), rate, channels);
+  WriteAudio(dir / "x.mp3", samples, rate, 1, SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III);
+  ExpectEveryLabelFound("forecast_16000", Intervals(std::istringstream(Cli("vad - < " + (dir / "x.mp3")).out)), "mp3");
+  WriteAudio(dir / "x.raw", samples, rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16);
+  for (const std::string& args : {"vad " + (dir / "x.raw"), "vad - < " + (dir / "x.raw"), "vad - < <(cat " + (dir / "x.raw") + ")"}) {
+    const Cli run(args);
+    EXPECT_EQ(run.status, 1) << args;
+    EXPECT_EQ(run.out, "") << args;
+    EXPECT_NE(run.err.find("no audio file header recognised (raw audio needs --rate)"), std::string::npos) << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+  }
+  ExpectEveryLabelFound("forecast_16000", Intervals(std::istringstream(Cli("vad --rate 16000 - < " + (dir / "x.raw")).out)), "raw");
+}
+
+// A symlink's target is replaced and keeps its mode; devices, FIFOs and standard output are
+// written in place.
+TEST(Output, GoesWhereItWasAskedFor) {
+  Dir dir;
+  const std::string sample = Sample("message_8000");
+  Cli("agc " + sample + " -o " + (dir / "plain.wav") + " --log " + (dir / "plain.log"));
+  const std::string wav = Slurp(dir / "plain.wav"), log = Slurp(dir / "plain.log");
+  ASSERT_GT(wav.size(), 44u);
+  EXPECT_EQ(wav.substr(0, 4) + wav.substr(8, 8) + wav.substr(36, 4), "RIFFWAVEfmt data");
+  std::ofstream(dir / "target.wav") << "old";
+  chmod((dir / "target.wav").c_str(), 0640);
+  fs::create_symlink("target.wav", dir / "link.wav");
+  fs::create_symlink("new.log", dir / "dangling.log");
+  EXPECT_EQ(Cli("agc " + sample + " -o " + (dir / "link.wav") + " --log " + (dir / "dangling.log")).status, 0);
+  EXPECT_TRUE(fs::is_symlink(dir / "link.wav") && fs::is_symlink(dir / "dangling.log"));
+  EXPECT_EQ(Slurp(dir / "target.wav"), wav);
+  EXPECT_EQ(Slurp(dir / "new.log"), log);
+  EXPECT_EQ(fs::status(dir / "target.wav").permissions(), fs::perms(0640));
+  EXPECT_EQ(Cli("agc " + sample + " -o /dev/null --log /dev/null").status, 0);
+  const Cli full("agc " + sample + " -o /dev/full");
+  EXPECT_EQ(full.status, 1);
+  EXPECT_NE(full.err.find("cannot write /dev/full: No space left on device"), std::string::npos) << full.err;
+  EXPECT_TRUE(fs::is_character_file("/dev/full"));
+  // Through a FIFO and standard output the sizes cannot be filled in: readers take the stream to its end.
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  std::string fromFifo;
+  std::thread reader([&] { fromFifo = Slurp(dir / "fifo"); });
+  EXPECT_EQ(Cli("agc " + sample + " -o " + (dir / "fifo")).status, 0);
+  reader.join();
+  EXPECT_EQ(fromFifo.substr(44), wav.substr(44));
+  EXPECT_EQ(fromFifo.substr(40, 4), "\xFF\xFF\xFF\xFF");
+  EXPECT_EQ(Cli("agc " + sample + " -o - | cat").out.substr(44), wav.substr(44));
+  EXPECT_EQ(Cli("agc " + sample + " --log -").out, log);
+  ExpectEveryLabelFound("message_8000", Intervals(std::istringstream(Cli("agc " + sample + " -o - | " + KTFRONT_CLI + " vad -").out)), "agc -o -");
+}
+
+// Stopping a live input is the only way to end it: what was heard stays, as a complete WAV and log.
+TEST(Agc, ALiveRecordingKeepsItsFilesOnInterrupt) {
+  Dir dir;
+  Child child("agc --rate 16000 - -o " + (dir / "live.wav") + " --log " + (dir / "live.log"));
+  child.Write(Forecast(3.0));
+  usleep(500000);
+  child.Signal(SIGINT);
+  int status = 0;
+  long rss = 0;
+  child.Finish(status, rss);
+  EXPECT_EQ(status, 0);
+  int rate = 0, channels = 0;
+  EXPECT_EQ(ReadAudio(dir / "live.wav", rate, channels).size(), 48000u);
+  EXPECT_EQ(fs::file_size(dir / "live.wav"), 44u + 96000u);
+  EXPECT_GT(fs::file_size(dir / "live.log"), 100u);
 }
 
 // One line naming the problem, the exit status, no output and no file left behind.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -81,6 +82,52 @@ TEST(Labels, EveryFormatReadsBackToTheMillisecond) {
   }
 }
 
+// UTF-16 as Praat writes a TextGrid with a non-ASCII label: byte order mark, then each ASCII
+// or Latin-1 character as one 16-bit unit.
+std::string Utf16(const std::string& latin1, bool bigEndian) {
+  std::string out = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+  for (const char c : latin1) {
+    const char unit[2] = {'\0', c};
+    out += bigEndian ? std::string(unit, 2) : std::string({c, '\0'});
+  }
+  return out;
+}
+
+TEST(Labels, EncodingsRecordTypesRecordingIdsAndPointLabels) {
+  const std::string grid = "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0 \nxmax = 3 \ntiers? <exists> \n"
+                           "size = 1 \nitem []: \n    item [1]:\n        class = \"IntervalTier\" \n        name = \"words\" \n"
+                           "        xmin = 0 \n        xmax = 3 \n        intervals: size = 3 \n        intervals [1]:\n"
+                           "            xmin = 0 \n            xmax = 1 \n            text = \"\" \n        intervals [2]:\n"
+                           "            xmin = 1 \n            xmax = 2.5 \n            text = \"caf\xE9\" \n        intervals [3]:\n"
+                           "            xmin = 2.5 \n            xmax = 3 \n            text = \"\" \n";
+  for (const bool bigEndian : {true, false}) {
+    const auto regions = ktcli::ParseLabels(Utf16(grid, bigEndian), "g.TextGrid");
+    ASSERT_EQ(regions.size(), 1u) << bigEndian;
+    EXPECT_TRUE(regions[0].startS == 1 && regions[0].endS == 2.5) << bigEndian;
+  }
+  const std::vector<Region> two = {{1, 2}, {3, 4.5}};
+  for (const char* name : {"plain", "audacity", "rttm", "textgrid", "json"}) {
+    ktcli::LabelWriter writer(ktcli::ParseLabelFormat(name), "take");
+    EXPECT_EQ(ktcli::ParseLabels("\xEF\xBB\xBF" + writer.Write(two, 5), name, "take").size(), 2u) << name;
+  }
+  // Any record type may come first; only the recording's own lines count, and none is refused.
+  const std::string rttm = "SPKR-INFO take 1 <NA> <NA> <NA> unknown a <NA> <NA>\nSPEAKER take 1 1 2 <NA> <NA> a <NA> <NA>\n"
+                           "SPEAKER other 1 5 1 <NA> <NA> a <NA> <NA>\n";
+  const auto take = ktcli::ParseLabels(rttm, "r.rttm", "take");
+  EXPECT_TRUE(take.size() == 1 && take[0].startS == 1 && take[0].endS == 3);
+  try {
+    ktcli::ParseLabels(rttm, "r.rttm", "missing");
+    ADD_FAILURE();
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "r.rttm: no SPEAKER line for recording \"missing\" (it has other, take; --labels-id names the one to use)");
+  }
+  // Audacity's point labels have no length: they are reported, not counted as regions.
+  std::vector<double> points;
+  const auto marked = ktcli::ParseLabels("0.5\t0.5\tclick\n1\t2\tspeech\n3\t3\n", "a.txt", "", &points);
+  EXPECT_TRUE(marked.size() == 1 && marked[0].startS == 1);
+  EXPECT_EQ(points, (std::vector<double>{0.5, 3}));
+}
+
 std::string RunTool(const std::string& args, int& status) {
   FILE* pipe = popen((std::string(KTFRONT_CLI) + " " + args + " 2>/dev/null").c_str(), "r");
   std::string out;
@@ -114,6 +161,24 @@ TEST(Cli, EvalAgreesWithAMillisecondCountOfVadAndLabels) {
     EXPECT_NEAR(total["missedS"].get<double>(), missed, 0.0015) << name;
     EXPECT_NEAR(total["falseAlarmS"].get<double>(), falseAlarm, 0.0015) << name;
   }
+}
+
+// One RTTM for two recordings: --labels takes one value, the rest are recordings, and each
+// recording is scored against its own lines only.
+TEST(Cli, OneRttmForSeveralRecordingsIsReadByRecordingId) {
+  char dir[] = "/tmp/ktfront_rttm_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string rttm = std::string(dir) + "/all.rttm";
+  std::ofstream(rttm) << "SPEAKER message_8000 1 1.06 3.46 <NA> <NA> a <NA> <NA>\nSPEAKER message_8000 1 5.18 2.4 <NA> <NA> a <NA> <NA>\n"
+                         "SPEAKER forecast_16000 1 1.36 3.04 <NA> <NA> a <NA> <NA>\nSPEAKER forecast_16000 1 5.1 2.38 <NA> <NA> a <NA> <NA>\n";
+  int status = 0;
+  const std::string table = RunTool("eval --labels " + rttm + " " + kSamples + "/message_8000.wav " + kSamples + "/forecast_16000.wav", status);
+  EXPECT_EQ(status, 0) << table;
+  EXPECT_NE(table.find("11.280    0.000    0.0    0.000    0.0     0.0       4/4       4/4"), std::string::npos) << table;
+  RunTool("eval --labels " + rttm + " " + kSamples + "/directions_11025.wav", status);
+  EXPECT_EQ(status, 1);
+  std::remove(rttm.c_str());
+  rmdir(dir);
 }
 
 TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
