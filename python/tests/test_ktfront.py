@@ -119,3 +119,17 @@ def test_dask_table_matches_serial(tmp_path):
     assert rows == corpus.serial(files, volume=True) and len(rows) > len(files)
     assert [json.loads(l) for l in open(tmp_path / "table.jsonl")] == rows
     assert "No such file" in rows[-1]["error"] and all(r.get("peak_dbfs") is not None for r in rows[:-1])
+
+def test_load_reads_float_wav_at_its_true_level_and_refuses_headerless(tmp_path):
+    s, rate = ktfront.load(WAVS[0])
+    quiet = np.round(s * 0.01).astype(np.int16)  # -40 dB, far below the float file's own peak
+    data = (quiet / 32768.0).astype("<f4").tobytes()
+    fmt = (3).to_bytes(2, "little") + (1).to_bytes(2, "little") + rate.to_bytes(4, "little") + (4 * rate).to_bytes(4, "little") + \
+        (4).to_bytes(2, "little") + (32).to_bytes(2, "little")
+    (tmp_path / "f.wav").write_bytes(b"RIFF" + (36 + len(data)).to_bytes(4, "little") + b"WAVEfmt " + (16).to_bytes(4, "little") + fmt +
+                                     b"data" + len(data).to_bytes(4, "little") + data)
+    back, back_rate = ktfront.load(tmp_path / "f.wav")
+    assert back_rate == rate and np.array_equal(back, quiet)
+    (tmp_path / "x.raw").write_bytes(quiet.tobytes())
+    with pytest.raises(OSError, match="raw audio needs --rate"): ktfront.load(tmp_path / "x.raw")
+    assert np.array_equal(ktfront.load(tmp_path / "x.raw", raw_rate=rate)[0], quiet)

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "output.h"
 #include "pcm.h"
 #include "resampler.h"
 
@@ -93,12 +92,18 @@ std::string Peek(int fd, const std::string& name) {
     if (pipe2(scratch, O_CLOEXEC) != 0) throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
     fcntl(scratch[1], F_SETPIPE_SZ, static_cast<int>(kPeekBytes));
     size_t have = 0;
-    for (bool ended = false; !ended && !Interrupted();) {
+    // A signal (Ctrl-C) ends the wait: what has come by then decides.
+    for (bool ended = false; !ended;) {
       pollfd poll1{fd, POLLIN, 0};
-      if (poll(&poll1, 1, -1) < 0) continue;  // a signal; Interrupted() tells
+      if (poll(&poll1, 1, -1) < 0) break;
       ended = (poll1.revents & POLLHUP) != 0 && (poll1.revents & POLLIN) == 0;
       const ssize_t copied = ended ? 0 : tee(fd, scratch[1], kPeekBytes, SPLICE_F_NONBLOCK);
-      if (copied < 0 && errno != EAGAIN) break;
+      if (copied < 0 && errno != EAGAIN) {
+        const int error = errno;
+        close(scratch[0]);
+        close(scratch[1]);
+        throw std::runtime_error("cannot read " + name + ": " + std::strerror(error));
+      }
       have = 0;
       for (ssize_t got; have < static_cast<size_t>(std::max<ssize_t>(copied, 0)) &&
                         (got = read(scratch[0], &bytes[have], kPeekBytes - have)) > 0;) {
@@ -107,7 +112,7 @@ std::string Peek(int fd, const std::string& name) {
       // All that will come is in the pipe once its writer has gone.
       ended = ended || (poll1.revents & POLLHUP) != 0;
       if (Recognise(bytes.substr(0, have), ended || have == kPeekBytes) != Header::NeedMore) break;
-      if (!ended) usleep(10000);  // the pipe holds some bytes; wait for the rest
+      if (!ended && usleep(10000) != 0) break;  // the pipe holds some bytes; wait for the rest
     }
     close(scratch[0]);
     close(scratch[1]);
