@@ -92,10 +92,13 @@ std::string Peek(int fd, const std::string& name) {
     if (pipe2(scratch, O_CLOEXEC) != 0) throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
     fcntl(scratch[1], F_SETPIPE_SZ, static_cast<int>(kPeekBytes));
     size_t have = 0;
-    // A signal (Ctrl-C) ends the wait: what has come by then decides.
+    bool interrupted = false;  // a signal (Ctrl-C) ends the wait
     for (bool ended = false; !ended;) {
       pollfd poll1{fd, POLLIN, 0};
-      if (poll(&poll1, 1, -1) < 0) break;
+      if (poll(&poll1, 1, -1) < 0) {
+        interrupted = true;
+        break;
+      }
       ended = (poll1.revents & POLLHUP) != 0 && (poll1.revents & POLLIN) == 0;
       const ssize_t copied = ended ? 0 : tee(fd, scratch[1], kPeekBytes, SPLICE_F_NONBLOCK);
       if (copied < 0 && errno != EAGAIN) {
@@ -112,10 +115,14 @@ std::string Peek(int fd, const std::string& name) {
       // All that will come is in the pipe once its writer has gone.
       ended = ended || (poll1.revents & POLLHUP) != 0;
       if (Recognise(bytes.substr(0, have), ended || have == kPeekBytes) != Header::NeedMore) break;
-      if (!ended && usleep(10000) != 0) break;  // the pipe holds some bytes; wait for the rest
+      if (!ended && usleep(10000) != 0) {  // the pipe holds some bytes; wait for the rest
+        interrupted = true;
+        break;
+      }
     }
     close(scratch[0]);
     close(scratch[1]);
+    if (interrupted) throw std::runtime_error("cannot read " + name + ": interrupted before its format was known");
     bytes.resize(have);
     return bytes;
   }
