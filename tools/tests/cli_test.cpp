@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -369,7 +370,10 @@ TEST(Input, FormatsAreRecognisedByTheirHeadersAndHeaderlessInputIsRefused) {
   const std::vector<short> samples = ReadAudio(Sample("forecast_16000"), rate, channels);
   WriteAudio(dir / "x.mp3", samples, rate, 1, SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III);
   ExpectEveryLabelFound("forecast_16000", Intervals(std::istringstream(Cli("vad - < " + (dir / "x.mp3")).out)), "mp3");
-  WriteAudio(dir / "x.raw", samples, rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16);
+  // Starting with what reads as one MPEG frame header (FF FB 90 64), a decoder's cue to try.
+  std::vector<short> raw = {static_cast<short>(0xFBFF), static_cast<short>(0x6490)};
+  raw.insert(raw.end(), samples.begin(), samples.end());
+  WriteAudio(dir / "x.raw", raw, rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16);
   for (const std::string& args : {"vad " + (dir / "x.raw"), "vad - < " + (dir / "x.raw"), "vad - < <(cat " + (dir / "x.raw") + ")"}) {
     const Cli run(args);
     EXPECT_EQ(run.status, 1) << args;
@@ -389,6 +393,9 @@ TEST(Output, GoesWhereItWasAskedFor) {
   const std::string wav = Slurp(dir / "plain.wav"), log = Slurp(dir / "plain.log");
   ASSERT_GT(wav.size(), 44u);
   EXPECT_EQ(wav.substr(0, 4) + wav.substr(8, 8) + wav.substr(36, 4), "RIFFWAVEfmt data");
+  uint32_t riffBytes = 0, dataBytes = 0;
+  std::memcpy(&riffBytes, &wav[4], 4), std::memcpy(&dataBytes, &wav[40], 4);
+  EXPECT_TRUE(riffBytes == wav.size() - 8 && dataBytes == wav.size() - 44) << riffBytes << " " << dataBytes;
   std::ofstream(dir / "target.wav") << "old";
   chmod((dir / "target.wav").c_str(), 0640);
   fs::create_symlink("target.wav", dir / "link.wav");
