@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "output.h"
+
 namespace ktcli {
 namespace {
 
@@ -129,6 +131,7 @@ void WavWriter::Fail() {
   const int error = errno;
   if (_file) std::fclose(_file);
   _file = nullptr;
+  if (error == EPIPE) throw ClosedPipe();  // the reader of a pipe has gone
   throw std::runtime_error("cannot write " + _name + (error ? std::string(": ") + std::strerror(error) : ""));
 }
 
