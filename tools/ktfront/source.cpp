@@ -126,6 +126,7 @@ std::string Peek(int fd, const std::string& name) {
     bytes.resize(have);
     return bytes;
   }
+  if (isatty(fd)) throw std::runtime_error("cannot read " + name + ": it is a terminal, not audio");
   ssize_t got = S_ISSOCK(status.st_mode) ? recv(fd, &bytes[0], kPeekBytes, MSG_PEEK | MSG_WAITALL)
                                           : pread(fd, &bytes[0], kPeekBytes, lseek(fd, 0, SEEK_CUR));
   if (got < 0) throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
