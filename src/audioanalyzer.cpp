@@ -56,6 +56,15 @@ bool IsSetFromMs(const std::string& histogramKey) {
 
 }  // namespace
 
+const char* ToString(AnalyzerResult::ResultType type) {
+  switch (type) {
+    case AnalyzerResult::RT_Event: return "Event";
+    case AnalyzerResult::RT_AudioFrame: return "AudioFrame";
+    case AnalyzerResult::RT_VolumeMeter: return "VolumeMeter";
+  }
+  return "";
+}
+
 const char* ToString(AnalyzerEvent::EventTag tag) {
   switch (tag) {
     case AnalyzerEvent::SpeechStart: return "SpeechStart";

@@ -24,6 +24,9 @@ class AnalyzerResult {
   virtual ResultType GetType() const = 0;
 };
 
+// The type's name without its prefix, "Event" for RT_Event; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AnalyzerResult::ResultType type);
+
 using AnalyzerResultPtr = std::shared_ptr<AnalyzerResult>;
 
 class AnalyzerEvent : public AnalyzerResult {

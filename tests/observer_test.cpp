@@ -171,6 +171,9 @@ TEST(ObserverTest, EnumValuesHaveNames) {
   using kt::GainDecision;
   using kt::ToString;
   const std::vector<std::pair<const char*, const char*>> names = {
+      {ToString(kt::AnalyzerResult::RT_Event), "Event"},
+      {ToString(kt::AnalyzerResult::RT_AudioFrame), "AudioFrame"},
+      {ToString(kt::AnalyzerResult::RT_VolumeMeter), "VolumeMeter"},
       {ToString(AnalyzerEvent::SpeechStart), "SpeechStart"},
       {ToString(AnalyzerEvent::SpeechEnd), "SpeechEnd"},
       {ToString(AnalyzerEvent::BelowVOR), "BelowVOR"},
