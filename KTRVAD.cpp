@@ -12,6 +12,10 @@ namespace {
 // The host's block for the analyzer, reused from call to call; freed with the analyzer.
 kt::AudioData g_audioData;
 
+// Frame results carry their samples, for a host that takes results from the exported
+// g_pAudioAnalyzer itself; this interface drops them unread.
+constexpr bool kSupplyFrameData = true;
+
 }  // namespace
 
 int KTRVAD_Init(const double dSamplingRate_p) {
@@ -19,7 +23,7 @@ int KTRVAD_Init(const double dSamplingRate_p) {
     delete g_pAudioAnalyzer;
     g_pAudioAnalyzer = nullptr;
     kt::ReleaseHostBlock(g_audioData);
-    g_pAudioAnalyzer = new kt::AudioAnalyzer("", dSamplingRate_p, true);
+    g_pAudioAnalyzer = new kt::AudioAnalyzer("", dSamplingRate_p, kSupplyFrameData);
     return g_pAudioAnalyzer ? 0 : -1;
   } catch (const std::exception&) {
     return -2;

@@ -93,8 +93,8 @@ int main(int argc, char** argv) {
   }
   // A refusal reaches the host as the exception the header names.
   try {
-    kt::AudioAnalyzer("EOSTimeoutMs=-1", rate, false);
-    std::printf("error: a negative time-out was accepted\n");
+    kt::AudioAnalyzer("EOSTimeoutMs=-100", rate, false);
+    std::printf("error: a time-out of -100 ms was accepted\n");
     return 1;
   } catch (const std::invalid_argument& e) {
     std::printf("refused: %s\n", e.what());

@@ -32,7 +32,8 @@ struct Checker {
       } else if (const auto* f = dynamic_cast<const kt::AnalyzerAudioFrame*>(r.get())) {
         FUZZ_CHECK(pending < 0 && f->GetFrameIndex() == nextFrame++ && f->IsSpeechSegmentFrame() == inSpeech);
       } else if (const auto* m = dynamic_cast<const kt::AnalyzerVolumeMeter*>(r.get())) {
-        FUZZ_CHECK(pending < 0 && m->IsSpeechState() == inSpeech && !(m->GetSNRVolumePct() > 100.0));
+        FUZZ_CHECK(pending < 0 && m->IsSpeechState() == inSpeech && !(m->GetSNRVolumePct() > 100.0) &&
+                   !std::isnan(m->GetSNRVolumePct()));
         FUZZ_CHECK(m->GetVolume() >= 0 && m->GetVolume() <= 32768 && m->GetInfo() >= 0 && m->GetInfo() <= 3);
       }
     }

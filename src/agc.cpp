@@ -11,18 +11,90 @@ namespace kt {
 
 namespace {
 
+void RefuseUnless(bool inRange) {
+  if (!inRange) throw std::invalid_argument("Value out of range");
+}
+
 // A duration key as whole 20 ms frames, truncated; a negative duration has no meaning.
-int ReadFrames(const Parameters& params, const std::string& key, int defaultMs) {
-  const int ms = params.Get<int>(key, defaultMs);
-  if (ms < 0) throw std::invalid_argument("Value out of range");
+int ReadFrames(const Parameters& params, const ParameterKey<int>& key) {
+  const int ms = params.Get(key);
+  RefuseUnless(ms >= 0);
   return ms / AGC::GetFrameSizeMs();
 }
 
-void CheckRange(float x, float lowest, float highest) {
-  if (!(x >= lowest && x <= highest)) throw std::invalid_argument("Value out of range");
+// The levels are read at this percentile truncated: the product in double, so that a
+// fraction of 0.29f (0.28999999) gives 28.
+double Percent(float cutoffFraction) { return 100.0 * static_cast<double>(cutoffFraction); }
+
+constexpr ParameterKey<int> kMinUpdateIntervalMs{"MinUpdateIntervalMs", 80};
+constexpr ParameterKey<int> kMinLowerLevelSizeMs{"MinLowerLevelSizeMs", 80};
+constexpr ParameterKey<int> kMinUpperLevelSizeMs{"MinUpperLevelSizeMs", 80};
+constexpr ParameterKey<int> kWindowSizeMs{"WindowSizeMs", 2000};
+constexpr ParameterKey<int> kSpeechWindowSizeMs{"SpeechWindowSizeMs", 800};
+constexpr ParameterKey<float> kSpeechFraction{"SpeechFraction", 0.3f};
+constexpr ParameterKey<int> kPauseWindowSizeMs{"PauseWindowSizeMs", 500};
+constexpr ParameterKey<float> kCutoffFraction{"CutoffFraction", 0.1f};
+constexpr ParameterKey<float> kInterpolationWeight{"InterpolationWeight", 0.3f};
+constexpr ParameterKey<float> kThresholdOffsetSpeech{"ThresholdOffsetSpeech", 16.0f};
+constexpr ParameterKey<float> kThresholdOffsetPause{"ThresholdOffsetPause", 6.0f};
+constexpr ParameterKey<float> kThresholdUpperBound{"ThresholdUpperBound", 70.0f};
+constexpr ParameterKey<float> kMinLowerBound{"MinLowerBound", 10.0f};
+constexpr ParameterKey<float> kLowerBound{"LowerBound", 51.0f};
+constexpr ParameterKey<float> kUpperBound{"UpperBound", 78.0f};
+constexpr ParameterKey<float> kUpperLevelRefDelta{"UpperLevelRefDelta", 6.0f};
+constexpr ParameterKey<int> kFastStepSizeUp{"FastStepSizeUp", 4};
+constexpr ParameterKey<int> kFastStepSizeDown{"FastStepSizeDown", 2};
+constexpr ParameterKey<float> kLeastGain{"LeastGain", 0.001f};
+constexpr ParameterKey<float> kDeltaGain{"DeltaGain", 0.15f};
+// Relative exactly when the value is "true".
+constexpr ParameterKey<const char*> kRelativeGain{"RelativeGain", "true"};
+
+// Every key in the order the constructor reads it.
+template <typename F>
+void ForEachKey(F&& f) {
+  f(kMinUpdateIntervalMs);
+  f(kMinLowerLevelSizeMs);
+  f(kMinUpperLevelSizeMs);
+  f(kWindowSizeMs);
+  f(kSpeechWindowSizeMs);
+  f(kSpeechFraction);
+  f(kPauseWindowSizeMs);
+  f(kCutoffFraction);
+  f(kInterpolationWeight);
+  f(kThresholdOffsetSpeech);
+  f(kThresholdOffsetPause);
+  f(kThresholdUpperBound);
+  f(kMinLowerBound);
+  f(kLowerBound);
+  f(kUpperBound);
+  f(kUpperLevelRefDelta);
+  f(kFastStepSizeUp);
+  f(kFastStepSizeDown);
+  f(kLeastGain);
+  f(kDeltaGain);
+  f(kRelativeGain);
 }
 
 }  // namespace
+
+const char* ToString(GainDecision::Outcome outcome) {
+  switch (outcome) {
+    case GainDecision::TooLow: return "toolow";
+    case GainDecision::TooHigh: return "toohigh";
+    case GainDecision::SpeechOnset: return "speech";
+    case GainDecision::Pause: return "pause";
+    case GainDecision::Nil: return "nil";
+  }
+  return "";
+}
+
+const char* ToString(AGC::State state) {
+  switch (state) {
+    case AGC::Speech: return "Speech";
+    case AGC::Initial: return "Initial";
+  }
+  return "";
+}
 
 void AGC::Histogram::Update(float x) {
   const float z = x * _scaleFactor;
@@ -86,9 +158,9 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
       _h(0, 0),
       _f(static_cast<double>(samplingRate)) {  // refuses the rate before any key is read
   const Parameters params(keyValuePairs);
-  _minUpdateFrames = ReadFrames(params, "MinUpdateIntervalMs", 80);
-  _minLowerLevelFrames = ReadFrames(params, "MinLowerLevelSizeMs", 80);
-  _minUpperLevelFrames = ReadFrames(params, "MinUpperLevelSizeMs", 80);
+  _minUpdateFrames = ReadFrames(params, kMinUpdateIntervalMs);
+  _minLowerLevelFrames = ReadFrames(params, kMinLowerLevelSizeMs);
+  _minUpperLevelFrames = ReadFrames(params, kMinUpperLevelSizeMs);
   // Every update measures more than _minUpdateFrames frames, so readings find enough levels.
   if (!(_minUpdateFrames >= _minLowerLevelFrames)) {
     throw std::invalid_argument("_minUpdateFrames >= _minLowerLevelFrames");
@@ -96,34 +168,38 @@ AGC::AGC(const std::string& keyValuePairs, int samplingRate)
   if (!(_minUpdateFrames >= _minUpperLevelFrames)) {
     throw std::invalid_argument("_minUpdateFrames >= _minUpperLevelFrames");
   }
-  const int windowSize = ReadFrames(params, "WindowSizeMs", 2000);
-  if (windowSize < 1 || windowSize < _minLowerLevelFrames || windowSize < _minUpperLevelFrames) {
-    throw std::invalid_argument("Value out of range");
-  }
+  const int windowSize = ReadFrames(params, kWindowSizeMs);
+  RefuseUnless(windowSize >= 1 && windowSize >= _minLowerLevelFrames &&
+               windowSize >= _minUpperLevelFrames);
   _h.SetSize(windowSize, 100 * Histogram::_scaleFactor);  // 0 dB up to 100 dB
-  _speechWindowSize = ReadFrames(params, "SpeechWindowSizeMs", 800);
-  _speechFraction = params.Get<float>("SpeechFraction", 0.3f);
-  _pauseWindowSize = ReadFrames(params, "PauseWindowSizeMs", 500);
-  _cutoffFraction = params.Get<float>("CutoffFraction", 0.1f);
-  // The percentile is 100 times it as an int; beyond 0 to 100 the histogram's walk asserts.
-  CheckRange(_cutoffFraction, -2.1e7f, 2.1e7f);
-  _interpolationWeight = params.Get<float>("InterpolationWeight", 0.3f);
-  _thresholdOffsetSpeech = params.Get<float>("ThresholdOffsetSpeech", 16.0f);
-  _thresholdOffsetPause = params.Get<float>("ThresholdOffsetPause", 6.0f);
-  _thresholdUpperBound = params.Get<float>("ThresholdUpperBound", 70.0f);
-  _minLowerBound = params.Get<float>("MinLowerBound", 10.0f);
-  _lowerBound = params.Get<float>("LowerBound", 51.0f);
-  _upperBound = params.Get<float>("UpperBound", 78.0f);
-  _upperLevelRefDelta = params.Get<float>("UpperLevelRefDelta", 6.0f);
-  _fastStepSizeUp = params.Get<int>("FastStepSizeUp", 4);
-  _fastStepSizeDown = params.Get<int>("FastStepSizeDown", 2);
-  _leastGain = params.Get<float>("LeastGain", 0.001f);
-  CheckRange(_leastGain, 0.0f, 1.0f);  // the floor is applied after the ceiling of 1
-  _deltaGain = params.Get<float>("DeltaGain", 0.15f);
-  _relativeGain = params.Get<std::string>("RelativeGain", "true") == "true";
-  // The median gain takes the logarithm of (1 - d) / (1 + d), which needs -1 < d < 1.
-  if (_relativeGain && !(_deltaGain > -1.0f && _deltaGain < 1.0f)) {
-    throw std::invalid_argument("Value out of range");
+  _speechWindowSize = ReadFrames(params, kSpeechWindowSizeMs);
+  _speechFraction = params.Get(kSpeechFraction);
+  _pauseWindowSize = ReadFrames(params, kPauseWindowSizeMs);
+  const float cutoffFraction = params.Get(kCutoffFraction);
+  // The level walk reads a percentile of 0 to 100, which the truncation gives from this range.
+  RefuseUnless(Percent(cutoffFraction) > -1.0 && Percent(cutoffFraction) < 101.0);
+  _cutoffFraction = cutoffFraction;
+  _interpolationWeight = params.Get(kInterpolationWeight);
+  _thresholdOffsetSpeech = params.Get(kThresholdOffsetSpeech);
+  _thresholdOffsetPause = params.Get(kThresholdOffsetPause);
+  _thresholdUpperBound = params.Get(kThresholdUpperBound);
+  _minLowerBound = params.Get(kMinLowerBound);
+  _lowerBound = params.Get(kLowerBound);
+  _upperBound = params.Get(kUpperBound);
+  _upperLevelRefDelta = params.Get(kUpperLevelRefDelta);
+  _fastStepSizeUp = params.Get(kFastStepSizeUp);
+  _fastStepSizeDown = params.Get(kFastStepSizeDown);
+  _leastGain = params.Get(kLeastGain);
+  // The floor is applied after the ceiling of 1.
+  RefuseUnless(_leastGain >= 0.0f && _leastGain <= 1.0f);
+  _deltaGain = params.Get(kDeltaGain);
+  _relativeGain =
+      params.Get<std::string>(kRelativeGain.name, kRelativeGain.defaultValue) == "true";
+  if (_relativeGain) {
+    // The median gain takes the logarithm of (1 - d) / (1 + d): d = 1 or -1 gives 1 by
+    // its limit, except with a least gain of 0, where it is -inf / -inf.
+    RefuseUnless(_deltaGain >= -1.0f && _deltaGain <= 1.0f);
+    RefuseUnless(!(std::fabs(_deltaGain) == 1.0f && _leastGain == 0.0f));
   }
   Reset();
 }
@@ -268,8 +344,7 @@ bool AGC::DetectPause(float a, float b) const {
 }
 
 float AGC::ComputeGain(float currentGain, float clippingFraction) {
-  // The product in double, truncated: a fraction of 0.29f (0.28999999) gives 28.
-  const int p = static_cast<int>(100.0 * static_cast<double>(_cutoffFraction));
+  const int p = static_cast<int>(Percent(_cutoffFraction));
   const float a = _h.GetLevel(p, true, 1);
   const float a2 = _h.GetLevel(p, true, _minLowerLevelFrames);
   const float b = _h.GetLevel(p, false, 1);
@@ -282,10 +357,10 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
                         GainDecision::Nil, timeMs, false, currentGain};
 
   if (a2 < _minLowerBound && b < _lowerBound) {
-    return Jump(currentGain, true, _fastStepSizeUp, "toolow:", timeMs, decision);
+    return Jump(currentGain, true, _fastStepSizeUp, timeMs, decision);
   }
   if (b2 > _upperBound) {
-    return Jump(currentGain, false, _fastStepSizeDown, "toohigh:", timeMs, decision);
+    return Jump(currentGain, false, _fastStepSizeDown, timeMs, decision);
   }
   if (_state == Initial) {
     if (DetectSpeech(a, b)) {
@@ -293,19 +368,19 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
       _upperLevelRef = b;
       _state = Speech;
       const uint32_t onsetMs = timeMs - frameMs * static_cast<uint32_t>(_speechWindowSize);
-      _logStream << "\t " << "speech:" << onsetMs << "\n";
+      _logStream << "\t " << ToString(GainDecision::SpeechOnset) << ":" << onsetMs << "\n";
       return Decided(decision, GainDecision::SpeechOnset, onsetMs, false, currentGain);
     }
-    _logStream << "\t " << "nil:" << timeMs << "\n";
+    _logStream << "\t " << ToString(GainDecision::Nil) << ":" << timeMs << "\n";
     return Decided(decision, GainDecision::Nil, timeMs, false, currentGain);
   }
   if (DetectPause(a, b)) {
     _state = Initial;
     const uint32_t pauseMs = timeMs - frameMs * static_cast<uint32_t>(_pauseWindowSize);
-    _logStream << "\t " << "pause:" << pauseMs << "\n";
+    _logStream << "\t " << ToString(GainDecision::Pause) << ":" << pauseMs << "\n";
     return Decided(decision, GainDecision::Pause, pauseMs, false, currentGain);
   }
-  _logStream << "\t " << "nil:" << timeMs;
+  _logStream << "\t " << ToString(GainDecision::Nil) << ":" << timeMs;
   if (b > _upperLevelRef) {
     _upperLevelRef = b;
     if (_rising) {  // no increase while the speech level still climbs
@@ -325,14 +400,14 @@ float AGC::ComputeGain(float currentGain, float clippingFraction) {
   return Decided(decision, GainDecision::Nil, timeMs, false, currentGain);
 }
 
-float AGC::Jump(float currentGain, bool increase, int stepSize, const char* record,
-                uint32_t timeMs, GainDecision& decision) {
+float AGC::Jump(float currentGain, bool increase, int stepSize, uint32_t timeMs,
+                GainDecision& decision) {
   const float newGain = NewGain(currentGain, increase, stepSize);
   _state = Initial;
-  _logStream << "\t " << record << timeMs;
+  const GainDecision::Outcome outcome = increase ? GainDecision::TooLow : GainDecision::TooHigh;
+  _logStream << "\t " << ToString(outcome) << ":" << timeMs;
   LogNewGain(newGain);
-  return Decided(decision, increase ? GainDecision::TooLow : GainDecision::TooHigh, timeMs, true,
-                 newGain);
+  return Decided(decision, outcome, timeMs, true, newGain);
 }
 
 float AGC::Decided(GainDecision& decision, GainDecision::Outcome outcome, uint32_t outcomeTimeMs,
@@ -346,12 +421,15 @@ float AGC::Decided(GainDecision& decision, GainDecision::Outcome outcome, uint32
 }
 
 std::vector<std::string> AGC::GetParameterKeys() {
-  return {"MinUpdateIntervalMs", "MinLowerLevelSizeMs", "MinUpperLevelSizeMs", "WindowSizeMs",
-          "SpeechWindowSizeMs", "SpeechFraction", "PauseWindowSizeMs", "CutoffFraction",
-          "InterpolationWeight", "ThresholdOffsetSpeech", "ThresholdOffsetPause",
-          "ThresholdUpperBound", "MinLowerBound", "LowerBound", "UpperBound",
-          "UpperLevelRefDelta", "FastStepSizeUp", "FastStepSizeDown", "LeastGain", "DeltaGain",
-          "RelativeGain"};
+  std::vector<std::string> keys;
+  ForEachKey([&keys](const auto& key) { keys.push_back(key.name); });
+  return keys;
+}
+
+std::map<std::string, std::string> AGC::GetParameterDefaults() {
+  Parameters defaults;
+  ForEachKey([&defaults](const auto& key) { defaults.Set(key.name, key.defaultValue); });
+  return std::move(defaults);
 }
 
 float AGC::NewGain(float currentGain, bool increase, int stepSize) {

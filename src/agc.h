@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -32,7 +33,7 @@ ostreamptr& operator<<(ostreamptr& os, const T& x) {
 
 // One gain decision, with the values its diagnostic log line prints. Levels in dB.
 struct GainDecision {
-  enum Outcome { TooLow, TooHigh, SpeechOnset, Pause, Nil };  // "toolow:", "toohigh:", ...
+  enum Outcome { TooLow, TooHigh, SpeechOnset, Pause, Nil };
   uint32_t timeMs;          // since the last reset, as the log writes it
   float currentGain;
   float lowerLevel;         // a: the low percentile of the levels
@@ -47,23 +48,29 @@ struct GainDecision {
   float newGain;            // the gain returned
 };
 
+// The outcome's record word in the diagnostic log, "toolow" for TooLow ("speech" for
+// SpeechOnset); "" for a value outside the enum.
+KTFRONT_API const char* ToString(GainDecision::Outcome outcome);
+
 // Configuration refusals (std::invalid_argument), each with its reason:
 // - "Value out of range":
 //   - a negative duration key: it has no meaning as a count of frames;
 //   - a "WindowSizeMs" of less than one frame (no level could be kept) or of fewer frames
 //     than "MinLowerLevelSizeMs" or "MinUpperLevelSizeMs" (a reading would ask the
 //     window for more levels than it can hold);
-//   - a "CutoffFraction" whose percentile, 100 times it, does not fit an int;
+//   - a "CutoffFraction" whose percentile, 100 times it truncated, lies outside 0 to 100
+//     (a fraction beyond 1.01f or -0.01f): the levels are read at that percentile;
 //   - a "LeastGain" outside 0 to 1: the floor is applied after the ceiling of 1, and a
 //     negative gain has no 16-bit or host-scale value;
-//   - with relative steps, a "DeltaGain" outside -1 to 1 (exclusive): the median gain
-//     takes the logarithm of (1 - d) / (1 + d).
+//   - with relative steps, a "DeltaGain" outside -1 to 1: the median gain takes the
+//     logarithm of (1 - d) / (1 + d), which is then undefined; and a "DeltaGain" of 1 or
+//     -1 with a "LeastGain" of 0, whose median gain is -inf / -inf steps (with any other
+//     least gain it is 1).
 // - "_minUpdateFrames >= _minLowerLevelFrames", "_minUpdateFrames >= _minUpperLevelFrames":
 //   an update would otherwise ask the histogram for more levels than it holds.
 // Everything else is taken as given: long durations (memory grows with them; running out
-// is std::bad_alloc), any step count (0 or less means no step), additive steps of any
-// size, and a percentile beyond 0 to 100, which the first update reports as the level
-// walk's std::logic_error.
+// is std::bad_alloc), any step count (0 or less means no step), and additive steps of any
+// size.
 class AGC {
  public:
   enum State : int32_t { Speech = 0, Initial = 1 };
@@ -153,6 +160,8 @@ class AGC {
   }
   // Every key the constructor reads.
   KTFRONT_API static std::vector<std::string> GetParameterKeys();
+  // Each of those keys with the value it takes when absent, as a parameter string writes it.
+  KTFRONT_API static std::map<std::string, std::string> GetParameterDefaults();
 
   static int GetFrameSizeMs() { return 20; }
 
@@ -183,7 +192,7 @@ class AGC {
     return static_cast<uint32_t>(static_cast<uint64_t>(_timeMs));
   }
   // A jump of stepSize steps that forgets the levels and restarts in Initial.
-  float Jump(float currentGain, bool increase, int stepSize, const char* record, uint32_t timeMs,
+  float Jump(float currentGain, bool increase, int stepSize, uint32_t timeMs,
              GainDecision& decision);
   // Completes the decision, hands it to the observer and returns its new gain.
   float Decided(GainDecision& decision, GainDecision::Outcome outcome, uint32_t outcomeTimeMs,
@@ -223,5 +232,8 @@ class AGC {
   ostreamptr _logStream;
   std::function<void(const GainDecision&)> _decisionObserver;
 };
+
+// The phase's name, "Speech" or "Initial"; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AGC::State state);
 
 }  // namespace kt

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <stdexcept>
 #include <utility>
 
@@ -17,18 +18,87 @@ void RefuseUnless(bool inRange) {
   if (!inRange) throw std::invalid_argument("Value out of range");
 }
 
-int NonNegative(int ms) {
-  RefuseUnless(ms >= 0);
-  return ms;
+constexpr ParameterKey<int> kSpeechWindowSizeMs{"SpeechWindowSizeMs", 200};
+constexpr ParameterKey<double> kSpeechWindowFraction{"SpeechWindowFraction", 0.3};
+// The time-out after construction; an absent key keeps the one last set.
+constexpr ParameterKey<int> kEOSTimeoutMs{"EOSTimeoutMs", 420};
+constexpr ParameterKey<int> kHistogramWindowSizeMs{"HistogramWindowSizeMs", 2000};
+constexpr ParameterKey<int> kHistogramMinWindowSizeMs{"HistogramMinWindowSizeMs", 800};
+constexpr ParameterKey<double> kMaxDecayRateDbPerDs{"MaxDecayRateDbPerDs", 48.0};
+constexpr ParameterKey<double> kFullScaleSNR{"FullScaleSNR", 24.0};
+constexpr ParameterKey<double> kTooNoisyLeveldBFS{"TooNoisyLeveldBFS", -25.0};
+constexpr ParameterKey<double> kTooLoudAlignmentLeveldBFS{"TooLoudAlignmentLeveldBFS", -10.0};
+constexpr ParameterKey<double> kTooSoftWindowSizeMs{"TooSoftWindowSizeMs", 2000.0};
+constexpr ParameterKey<double> kTooSoftSNR{"TooSoftSNR", 18.0};
+constexpr ParameterKey<double> kMinRecordingLeveldBFS{"MinRecordingLeveldBFS", -36.0};
+
+// The analyzer's own keys in the order UpdateParameters reads them.
+template <typename F>
+void ForEachKey(F&& f) {
+  f(kSpeechWindowSizeMs);
+  f(kSpeechWindowFraction);
+  f(kEOSTimeoutMs);
+  f(kHistogramWindowSizeMs);
+  f(kHistogramMinWindowSizeMs);
+  f(kMaxDecayRateDbPerDs);
+  f(kFullScaleSNR);
+  f(kTooNoisyLeveldBFS);
+  f(kTooLoudAlignmentLeveldBFS);
+  f(kTooSoftWindowSizeMs);
+  f(kTooSoftSNR);
+  f(kMinRecordingLeveldBFS);
+}
+
+// The histogram's ring sizes are set from the analyzer's two Ms keys.
+bool IsSetFromMs(const std::string& histogramKey) {
+  return histogramKey == "WindowSize" || histogramKey == "MinWindowSize";
 }
 
 }  // namespace
+
+const char* ToString(AnalyzerResult::ResultType type) {
+  switch (type) {
+    case AnalyzerResult::RT_Event: return "Event";
+    case AnalyzerResult::RT_AudioFrame: return "AudioFrame";
+    case AnalyzerResult::RT_VolumeMeter: return "VolumeMeter";
+  }
+  return "";
+}
+
+const char* ToString(AnalyzerEvent::EventTag tag) {
+  switch (tag) {
+    case AnalyzerEvent::SpeechStart: return "SpeechStart";
+    case AnalyzerEvent::SpeechEnd: return "SpeechEnd";
+    case AnalyzerEvent::BelowVOR: return "BelowVOR";
+    case AnalyzerEvent::AboveVOR: return "AboveVOR";
+  }
+  return "";
+}
+
+const char* ToString(AnalyzerVolumeMeter::Info info) {
+  switch (info) {
+    case AnalyzerVolumeMeter::OK: return "OK";
+    case AnalyzerVolumeMeter::TooNoisy: return "TooNoisy";
+    case AnalyzerVolumeMeter::TooSoft: return "TooSoft";
+    case AnalyzerVolumeMeter::TooLoud: return "TooLoud";
+  }
+  return "";
+}
+
+const char* ToString(AudioAnalyzer::State state) {
+  switch (state) {
+    case AudioAnalyzer::Pause: return "Pause";
+    case AudioAnalyzer::Speech: return "Speech";
+  }
+  return "";
+}
 
 AudioAnalyzer::AudioAnalyzer(const std::string& keyValuePairs, double samplingRate,
                              bool supplyFrameData)
     : _highpassFilter(samplingRate),
       _supplyFrameData(supplyFrameData),
       _samplingRate(samplingRate),
+      _eosTimeoutMs(kEOSTimeoutMs.defaultValue),
       _histogram(Parameters()) {
   _samplesPerFrame = static_cast<int>(_standardFrameSizeMs * samplingRate / 1000.0);
   // Durations use the true frame length: 220 samples at 11025 Hz are 19.95 ms.
@@ -56,15 +126,23 @@ void AudioAnalyzer::Reset() {
   _prevSNRVolume = 0.0;
 }
 
+int AudioAnalyzer::Frames(int ms) const {
+  const int frames = GetNumFrames(ms);
+  RefuseUnless(frames >= 0);
+  return frames;
+}
+
 int AudioAnalyzer::SpeechWindowFrames(int windowMs) const {
-  const int frames = GetNumFrames(NonNegative(windowMs));
+  const int frames = Frames(windowMs);
   RefuseUnless(frames <= kMaxLookBackFrames);
   return frames;
 }
 
+// -1 and -2 frames (down to -69 ms at 20 ms frames) act as 0: the count is reached at
+// once and the third is 0.
 int AudioAnalyzer::PauseFrames(int timeoutMs) const {
-  const int frames = GetNumFrames(NonNegative(timeoutMs));
-  RefuseUnless(frames / 3 <= kMaxLookBackFrames);
+  const int frames = GetNumFrames(timeoutMs);
+  RefuseUnless(frames / 3 >= 0 && frames / 3 <= kMaxLookBackFrames);
   return frames;
 }
 
@@ -78,33 +156,30 @@ void AudioAnalyzer::SetEOSTimeout(int timeoutMs) {
 // the ones before it in effect.
 void AudioAnalyzer::UpdateParameters(const std::string& keyValuePairs) {
   _parameters = Parameters(keyValuePairs);
-  _speechWindowSize = SpeechWindowFrames(_parameters.Get<int>("SpeechWindowSizeMs", 200));
-  _speechWindowFraction = _parameters.Get<double>("SpeechWindowFraction", 0.3);
+  _speechWindowSize = SpeechWindowFrames(_parameters.Get(kSpeechWindowSizeMs));
+  _speechWindowFraction = _parameters.Get(kSpeechWindowFraction);
   // An absent key keeps the time-out last set, also one set by SetEOSTimeout.
-  SetEOSTimeout(_parameters.Get<int>("EOSTimeoutMs", _eosTimeoutMs));
+  SetEOSTimeout(_parameters.Get<int>(kEOSTimeoutMs.name, _eosTimeoutMs));
 
-  const int histogramWindowSizeMs = NonNegative(_parameters.Get<int>("HistogramWindowSizeMs", 2000));
-  const int histogramMinWindowSizeMs =
-      NonNegative(_parameters.Get<int>("HistogramMinWindowSizeMs", 800));
+  const int histogramWindowSize = Frames(_parameters.Get(kHistogramWindowSizeMs));
+  const int histogramMinWindowSize = Frames(_parameters.Get(kHistogramMinWindowSizeMs));
   Parameters par(_parameters);
-  par.Set<int>("WindowSize", GetNumFrames(histogramWindowSizeMs));
-  par.Set<int>("MinWindowSize", GetNumFrames(histogramMinWindowSizeMs));
+  par.Set<int>("WindowSize", histogramWindowSize);
+  par.Set<int>("MinWindowSize", histogramMinWindowSize);
   // Refuses a ring of no slot and leaves the histogram untouched.
   _histogram.UpdateParameters(par);
 
   // A negative rate is taken as given: the reported level then climbs by it.
-  _maxDecayRateDbPerDs = _parameters.Get<double>("MaxDecayRateDbPerDs", 48.0);
-  const double fullScaleSNR = _parameters.Get<double>("FullScaleSNR", 24.0);
-  RefuseUnless(fullScaleSNR > 0.0);  // the per-cent scale divides by it; also refuses NaN
-  _fullScaleSNR = fullScaleSNR;
-  _tooNoisyLeveldBFS = _parameters.Get<double>("TooNoisyLeveldBFS", -25.0);
-  _tooLoudAlignmentLeveldBFS = _parameters.Get<double>("TooLoudAlignmentLeveldBFS", -10.0);
-  const double tooSoftWindowSizeMs = _parameters.Get<double>("TooSoftWindowSizeMs", 2000.0);
-  // Truncated to an int at every reading, so it must fit one.
-  RefuseUnless(tooSoftWindowSizeMs >= 0.0 && tooSoftWindowSizeMs < 2147483648.0);
+  _maxDecayRateDbPerDs = _parameters.Get(kMaxDecayRateDbPerDs);
+  _fullScaleSNR = _parameters.Get(kFullScaleSNR);
+  _tooNoisyLeveldBFS = _parameters.Get(kTooNoisyLeveldBFS);
+  _tooLoudAlignmentLeveldBFS = _parameters.Get(kTooLoudAlignmentLeveldBFS);
+  const double tooSoftWindowSizeMs = _parameters.Get(kTooSoftWindowSizeMs);
+  // Truncated to an int at every reading, so the truncation must fit one.
+  RefuseUnless(tooSoftWindowSizeMs > -2147483649.0 && tooSoftWindowSizeMs < 2147483648.0);
   _tooSoftWindowSizeMs = tooSoftWindowSizeMs;
-  _tooSoftSNR = _parameters.Get<double>("TooSoftSNR", 18.0);
-  _minRecordingLeveldBFS = _parameters.Get<double>("MinRecordingLeveldBFS", -36.0);
+  _tooSoftSNR = _parameters.Get(kTooSoftSNR);
+  _minRecordingLeveldBFS = _parameters.Get(kMinRecordingLeveldBFS);
 }
 
 void AudioAnalyzer::Process(const AudioData& audioData) {
@@ -200,15 +275,21 @@ void AudioAnalyzer::SetFrameObserver(std::function<void(const FrameDecision&)> o
 }
 
 std::vector<std::string> AudioAnalyzer::GetParameterKeys() {
-  std::vector<std::string> keys = {
-      "SpeechWindowSizeMs", "SpeechWindowFraction", "EOSTimeoutMs", "HistogramWindowSizeMs",
-      "HistogramMinWindowSizeMs", "MaxDecayRateDbPerDs", "FullScaleSNR", "TooNoisyLeveldBFS",
-      "TooLoudAlignmentLeveldBFS", "TooSoftWindowSizeMs", "TooSoftSNR", "MinRecordingLeveldBFS"};
-  // The histogram's ring sizes are set from the two Ms keys above.
+  std::vector<std::string> keys;
+  ForEachKey([&keys](const auto& key) { keys.push_back(key.name); });
   for (const std::string& key : EnergyHistogram::GetParameterKeys()) {
-    if (key != "WindowSize" && key != "MinWindowSize") keys.push_back(key);
+    if (!IsSetFromMs(key)) keys.push_back(key);
   }
   return keys;
+}
+
+std::map<std::string, std::string> AudioAnalyzer::GetParameterDefaults() {
+  Parameters defaults;
+  ForEachKey([&defaults](const auto& key) { defaults.Set(key.name, key.defaultValue); });
+  for (const auto& entry : EnergyHistogram::GetParameterDefaults()) {
+    if (!IsSetFromMs(entry.first)) defaults.insert(entry);
+  }
+  return std::move(defaults);
 }
 
 void AudioAnalyzer::Flush() {
@@ -331,8 +412,14 @@ void AudioAnalyzer::GenerateVolumeMeterResult(AudioData::const_iterator first,
   const double minLevelDistance =
       _minRecordingLeveldBFS + AnalyzerVolumeMeter::kFullScaleDb - noiseLevelWithOffset;
   const double fullScale = minLevelDistance > _fullScaleSNR ? minLevelDistance : _fullScaleSNR;
-  // No lower bound: a decayed maximum below the noise gives a negative reading.
-  const double snrVolumePct = snrVolume / fullScale > 1 ? 100.0 : 100 * snrVolume / fullScale;
+  double snrVolumePct;
+  if (fullScale > 0.0) {
+    // No lower bound: a decayed maximum below the noise gives a negative reading.
+    snrVolumePct = snrVolume / fullScale > 1 ? 100.0 : 100 * snrVolume / fullScale;
+  } else {
+    // A scale of no extent is reached by any distance above the noise, and by no other.
+    snrVolumePct = snrVolume > 0.0 ? 100.0 : 0.0;
+  }
 
   const double timeMs = GetFrameSizeMs() * _writeIndex;
   _resultDeque.push_back(std::make_shared<AnalyzerVolumeMeter>(

@@ -2,6 +2,7 @@
 // The speech analyzer: voice activity detection with a volume meter, and its results.
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ class AnalyzerResult {
   virtual ResultType GetType() const = 0;
 };
 
+// The type's name without its prefix, "Event" for RT_Event; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AnalyzerResult::ResultType type);
+
 using AnalyzerResultPtr = std::shared_ptr<AnalyzerResult>;
 
 class AnalyzerEvent : public AnalyzerResult {
@@ -39,6 +43,9 @@ class AnalyzerEvent : public AnalyzerResult {
   double _timeMs;
   EventTag _tag;
 };
+
+// The tag's name, "SpeechStart" for SpeechStart; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AnalyzerEvent::EventTag tag);
 
 class AnalyzerVolumeMeter : public AnalyzerResult {
  public:
@@ -79,6 +86,9 @@ class AnalyzerVolumeMeter : public AnalyzerResult {
   bool _isSpeechState;
 };
 
+// The verdict's name, "TooNoisy" for TooNoisy; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AnalyzerVolumeMeter::Info info);
+
 class AnalyzerAudioFrame : public AnalyzerResult {
  public:
   // Copies *frame when given; the result owns its samples.
@@ -115,20 +125,26 @@ struct FrameDecision {
 //
 // Configuration ("key=value;...") refusals, std::invalid_argument("Value out of range"),
 // each with its reason:
-// - a negative duration key: it has no meaning as a count of frames (and a negative
-//   histogram window would reach the histogram as four billion slots);
+// - a duration key that rounds to a negative count of frames ("SpeechWindowSizeMs",
+//   "HistogramWindowSizeMs" or "HistogramMinWindowSizeMs" of -30 ms or less at 20 ms
+//   frames): the window would reach frames not yet measured, or the histogram four billion
+//   slots. Down to -29 ms they round to 0 frames: a speech window of no frame, which
+//   detects speech at the first frame decided;
+// - "EOSTimeoutMs" whose third in frames is negative (-70 ms or less): speech would
+//   release frames ahead of their decision. -1 to -69 ms act as 0 ms;
 // - "SpeechWindowSizeMs" over kMaxLookBackFrames frames, "EOSTimeoutMs" over
 //   3 * kMaxLookBackFrames + 2 (about 3970 ms and 11930 ms at 20 ms frames): a decision
 //   would read a ring slot that a newer frame has overwritten;
 // - "HistogramWindowSizeMs" of less than half a frame: a histogram ring of no slot;
 // - "CutoffFraction" times the histogram window beyond an int: the quantile count must
 //   fit one (EnergyHistogram);
-// - "FullScaleSNR" of 0 or less: the per-cent scale divides by it (or by a distance
-//   that may then be 0);
-// - "TooSoftWindowSizeMs" negative or beyond an int: it is truncated to an int.
+// - "TooSoftWindowSizeMs" whose truncation does not fit an int: it is truncated to one.
 // Everything else is taken as given, such as a negative "MaxDecayRateDbPerDs" (the level
-// then climbs) or long histogram windows (memory grows with them; running out is
-// std::bad_alloc).
+// then climbs), a "FullScaleSNR" of 0 or less, or long histogram windows (memory grows
+// with them; running out is std::bad_alloc). The meter's full scale is the larger of
+// "FullScaleSNR" and the distance from the noise level plus offset up to
+// "MinRecordingLeveldBFS"; when that is 0 or less, a speech reading is 100 per cent above
+// the noise level plus offset and 0 at or below it.
 // UpdateParameters then behaves as for a value that fails to convert: the new string
 // and the keys read before the failing one are in effect, the failing key and those
 // after it keep their old values, and the analyzer stays usable. "HistogramWindowSizeMs"
@@ -168,6 +184,9 @@ class AudioAnalyzer {
   KTFRONT_API void SetFrameObserver(std::function<void(const FrameDecision&)> observer);
   // Every key UpdateParameters reads, its histogram's included.
   KTFRONT_API static std::vector<std::string> GetParameterKeys();
+  // Each of those keys with the value it takes when absent, as a parameter string writes
+  // it ("EOSTimeoutMs": its value after construction; later an absent key keeps the last).
+  KTFRONT_API static std::map<std::string, std::string> GetParameterDefaults();
 
   // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
   KTFRONT_API void SetEOSTimeout(int timeoutMs);
@@ -184,6 +203,8 @@ class AudioAnalyzer {
   void AnalyzeEnergy(double energy);
   void Process(int index);
   int GetNumFrames(int ms) const { return static_cast<int>(ms / _frameSizeMs + 0.5); }
+  // GetNumFrames, refusing a negative count.
+  int Frames(int ms) const;
   int SpeechWindowFrames(int windowMs) const;
   int PauseFrames(int timeoutMs) const;
 
@@ -209,7 +230,7 @@ class AudioAnalyzer {
   int _samplesPerFrame = 0;
   int _speechWindowSize = 0;
   double _speechWindowFraction = 0.0;
-  int _eosTimeoutMs = 420;
+  int _eosTimeoutMs;
   int _numPauseFrames = 0;
   int _pauseCounter = 0;
   std::vector<double> _energyWindow;
@@ -233,5 +254,8 @@ class AudioAnalyzer {
   std::deque<AnalyzerResultPtr> _resultDeque;
   std::function<void(const FrameDecision&)> _frameObserver;
 };
+
+// The state's name, "Pause" or "Speech"; "" for a value outside the enum.
+KTFRONT_API const char* ToString(AudioAnalyzer::State state);
 
 }  // namespace kt

@@ -60,11 +60,18 @@ class EnergyHistogram {
     }
   }
 
-  // Every key SetParameters reads.
+  // Every key SetParameters reads, in its order.
   static std::vector<std::string> GetParameterKeys() {
-    return {"WindowSize", "MinWindowSize", "CutoffFraction", "InterpolationParam",
-            "ThresholdOffsetSpeech", "ThresholdOffsetPause", "ThresholdLowerLimit",
-            "ThresholdUpperLimit"};
+    std::vector<std::string> keys;
+    ForEachKey([&keys](const auto& key) { keys.push_back(key.name); });
+    return keys;
+  }
+
+  // Each key's default as a parameter string writes it.
+  static Parameters GetParameterDefaults() {
+    Parameters defaults;
+    ForEachKey([&defaults](const auto& key) { defaults.Set(key.name, key.defaultValue); });
+    return defaults;
   }
 
   bool IsThresholdComputed() const { return _index >= _minWindowSize; }
@@ -87,6 +94,27 @@ class EnergyHistogram {
  private:
   friend class EnergyHistogramTestAccess;
   static constexpr int kNumBins = 100;
+
+  static constexpr ParameterKey<unsigned int> kWindowSize{"WindowSize", 100};
+  static constexpr ParameterKey<unsigned int> kMinWindowSize{"MinWindowSize", 40};
+  static constexpr ParameterKey<double> kCutoffFraction{"CutoffFraction", 0.08};
+  static constexpr ParameterKey<double> kInterpolationParam{"InterpolationParam", 0.3};
+  static constexpr ParameterKey<double> kThresholdOffsetSpeech{"ThresholdOffsetSpeech", 6.0};
+  static constexpr ParameterKey<double> kThresholdOffsetPause{"ThresholdOffsetPause", 16.0};
+  static constexpr ParameterKey<double> kThresholdLowerLimit{"ThresholdLowerLimit", 30.0};
+  static constexpr ParameterKey<double> kThresholdUpperLimit{"ThresholdUpperLimit", 70.0};
+
+  template <typename F>
+  static void ForEachKey(F&& f) {
+    f(kWindowSize);
+    f(kMinWindowSize);
+    f(kCutoffFraction);
+    f(kInterpolationParam);
+    f(kThresholdOffsetSpeech);
+    f(kThresholdOffsetPause);
+    f(kThresholdLowerLimit);
+    f(kThresholdUpperLimit);
+  }
 
   void UpdateThreshold() {
     KT_ASSERT(_index >= _minWindowSize);
@@ -119,34 +147,35 @@ class EnergyHistogram {
 
   // Reads the keys in a fixed order and stores each at once; a refused value is not stored.
   void SetParameters(const Parameters& params) {
-    const unsigned int windowSize = params.Get<unsigned int>("WindowSize", 100);
+    const unsigned int windowSize = params.Get(kWindowSize);
     if (windowSize == 0) throw std::invalid_argument("Value out of range");
     _windowSize = windowSize;
-    _minWindowSize = params.Get<unsigned int>("MinWindowSize", 40);
-    const double cutoffFraction = params.Get<double>("CutoffFraction", 0.08);
+    _minWindowSize = params.Get(kMinWindowSize);
+    const double cutoffFraction = params.Get(kCutoffFraction);
     // The quantile count, up to the ring's size times the fraction, must fit an int.
     if (!(std::fabs(cutoffFraction) * windowSize < 2147483647.0)) {
       throw std::invalid_argument("Value out of range");
     }
     _cutoffFraction = cutoffFraction;
-    _interpolationParam = params.Get<double>("InterpolationParam", 0.3);
-    _thresholdOffsetSpeech = params.Get<double>("ThresholdOffsetSpeech", 6.0);
-    _thresholdOffsetPause = params.Get<double>("ThresholdOffsetPause", 16.0);
-    _thresholdLowerLimit = params.Get<double>("ThresholdLowerLimit", 30.0);
-    _thresholdUpperLimit = params.Get<double>("ThresholdUpperLimit", 70.0);
+    _interpolationParam = params.Get(kInterpolationParam);
+    _thresholdOffsetSpeech = params.Get(kThresholdOffsetSpeech);
+    _thresholdOffsetPause = params.Get(kThresholdOffsetPause);
+    _thresholdLowerLimit = params.Get(kThresholdLowerLimit);
+    _thresholdUpperLimit = params.Get(kThresholdUpperLimit);
   }
 
+  // Every member is set by SetParameters and Reset in the constructor.
   size_t _index = 0;
-  size_t _minWindowSize = 40;
-  size_t _windowSize = 100;
-  double _cutoffFraction = 0.08;
-  double _interpolationParam = 0.3;
-  double _thresholdOffsetSpeech = 6.0;
-  double _thresholdOffsetPause = 16.0;
-  double _thresholdLowerLimit = 30.0;
-  double _thresholdUpperLimit = 70.0;
-  double _noiseLevel = 30.0;
-  double _speechLevel = 70.0;
+  size_t _minWindowSize = 0;
+  size_t _windowSize = 0;
+  double _cutoffFraction = 0.0;
+  double _interpolationParam = 0.0;
+  double _thresholdOffsetSpeech = 0.0;
+  double _thresholdOffsetPause = 0.0;
+  double _thresholdLowerLimit = 0.0;
+  double _thresholdUpperLimit = 0.0;
+  double _noiseLevel = 0.0;
+  double _speechLevel = 0.0;
   std::vector<double> _window;
   std::vector<int> _histogram;
 };

@@ -8,6 +8,14 @@
 
 namespace kt {
 
+// A key of a parameter string, with the value it takes when the string lacks it: the one
+// place each default is written.
+template <typename T>
+struct ParameterKey {
+  const char* name;
+  T defaultValue;
+};
+
 class Parameters : public std::map<std::string, std::string> {
  public:
   Parameters() = default;
@@ -42,6 +50,11 @@ class Parameters : public std::map<std::string, std::string> {
   const T Get(const std::string& key, T defaultValue) const {
     if (!Exists(key)) return defaultValue;
     return Get<T>(key);
+  }
+
+  template <typename T>
+  const T Get(const ParameterKey<T>& key) const {
+    return Get<T>(key.name, key.defaultValue);
   }
 
   template <typename T>

@@ -158,10 +158,14 @@ TEST(AGCTest, RefusesOnlyWhatCannotWork) {
       {"MinUpdateIntervalMs=60;MinLowerLevelSizeMs=60;MinUpperLevelSizeMs=80",
        "_minUpdateFrames >= _minUpperLevelFrames"},
       {"CutoffFraction=3e7", "Value out of range"},
+      {"CutoffFraction=1.02", "Value out of range"},
+      {"CutoffFraction=-0.02", "Value out of range"},
       {"LeastGain=1.01", "Value out of range"},
       {"LeastGain=-0.1", "Value out of range"},
-      {"DeltaGain=1", "Value out of range"},
-      {"DeltaGain=-1", "Value out of range"},
+      {"DeltaGain=1.01", "Value out of range"},
+      {"DeltaGain=-1.01", "Value out of range"},
+      {"DeltaGain=1;LeastGain=0", "Value out of range"},
+      {"DeltaGain=-1;LeastGain=-0", "Value out of range"},
       {"RelativeGain=true;x", "Invalid format"},
   };
   for (const auto& row : refused) {
@@ -185,13 +189,18 @@ TEST(AGCTest, RefusesOnlyWhatCannotWork) {
   AGC bigSteps("RelativeGain=false;DeltaGain=1.5", 8000);
   EXPECT_EQ(bigSteps.ComputeGain(silence, 0.001f), 1.0f);
   EXPECT_EQ(AGC("RelativeGain=no;DeltaGain=-3", 8000).ComputeGain(silence, 0.5f), 0.001f);
-  // A percentile beyond 0 to 100 reaches the level walk's assertion at the first update.
-  AGC wide("CutoffFraction=1.5", 8000);
-  try {
-    wide.ComputeGain(silence, 0.5f);
-    ADD_FAILURE();
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "percent <= 100");
+  // Relative steps of 1: the median gain is 1 by the formula's limit; a step up doubles or
+  // reaches the floor.
+  AGC doubling("DeltaGain=1", 8000);
+  EXPECT_EQ(doubling.GetMedianGain(), 1.0f);
+  EXPECT_EQ(doubling.ComputeGain(silence, 0.01f), 0.16f);
+  AGC vanishing("DeltaGain=-1;LeastGain=0.5", 8000);
+  EXPECT_EQ(vanishing.GetMedianGain(), 1.0f);
+  EXPECT_EQ(vanishing.ComputeGain(silence, 0.75f), 0.5f);
+  // 1.01f and -0.01f lie just inside: their percentiles truncate to 100 and 0.
+  for (const char* edge : {"CutoffFraction=1.01", "CutoffFraction=-0.01"}) {
+    AGC agc(edge, 8000);
+    EXPECT_EQ(agc.ComputeGain(silence, 0.01f), 0.01f * 1.15f * 1.15f * 1.15f * 1.15f) << edge;
   }
   AGC agc("", 8000);
   for (float bad : {-0.1f, 1.01f, NAN}) EXPECT_THROW(agc.ComputeGain(silence, bad), std::invalid_argument);

@@ -68,28 +68,76 @@ TEST(AnalyzerTest, EveryKeyHasAnEffect) {
 }
 
 TEST(AnalyzerTest, RefusesOnlyWhatCannotWork) {
-  for (const char* params :
-       {"SpeechWindowSizeMs=-1", "SpeechWindowSizeMs=3970", "EOSTimeoutMs=-20", "EOSTimeoutMs=11940",
-        "HistogramWindowSizeMs=9", "HistogramWindowSizeMs=-20", "HistogramMinWindowSizeMs=-1",
-        "CutoffFraction=30000000", "FullScaleSNR=0", "TooSoftWindowSizeMs=-1",
-        "TooSoftWindowSizeMs=3e9"}) {
-    try {
-      AudioAnalyzer a(params, 8000, false);
-      ADD_FAILURE() << params;
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "Value out of range") << params;
+  for (double rate : {8000.0, 11025.0}) {
+    for (const char* params :
+         {"SpeechWindowSizeMs=-30", "SpeechWindowSizeMs=3970", "EOSTimeoutMs=-70", "EOSTimeoutMs=11940",
+          "HistogramWindowSizeMs=9", "HistogramWindowSizeMs=-29", "HistogramWindowSizeMs=-30",
+          "HistogramMinWindowSizeMs=-30", "CutoffFraction=30000000", "TooSoftWindowSizeMs=-2147483649",
+          "TooSoftWindowSizeMs=2147483648"}) {
+      try {
+        AudioAnalyzer a(params, rate, false);
+        ADD_FAILURE() << params;
+      } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "Value out of range") << params;
+      }
+    }
+    for (const char* params :
+         {"SpeechWindowSizeMs=-29", "SpeechWindowSizeMs=3960", "EOSTimeoutMs=-69", "EOSTimeoutMs=11900",
+          "HistogramWindowSizeMs=10", "HistogramMinWindowSizeMs=-29", "HistogramWindowSizeMs=700000",
+          "CutoffFraction=-1", "CutoffFraction=2", "FullScaleSNR=0", "FullScaleSNR=-5",
+          "TooSoftWindowSizeMs=-2147483648.9", "TooSoftWindowSizeMs=2147483647.9"}) {
+      EXPECT_NO_THROW(AudioAnalyzer(params, rate, false)) << params;
     }
   }
-  for (const char* params : {"SpeechWindowSizeMs=3960", "EOSTimeoutMs=11920", "HistogramWindowSizeMs=10",
-                             "HistogramWindowSizeMs=700000", "CutoffFraction=-1", "CutoffFraction=2"}) {
-    EXPECT_NO_THROW(AudioAnalyzer(params, 8000, false)) << params;
-  }
   AudioAnalyzer a("", 8000, false);
-  EXPECT_THROW(a.SetEOSTimeout(-1), std::invalid_argument);
+  EXPECT_THROW(a.SetEOSTimeout(-70), std::invalid_argument);
   EXPECT_EQ(a.GetEOSTimeout(), 420);
   // A failing key leaves the keys before it in effect.
   EXPECT_THROW(a.UpdateParameters("EOSTimeoutMs=600;FullScaleSNR=x"), std::invalid_argument);
   EXPECT_EQ(a.GetEOSTimeout(), 600);
+}
+
+// Durations that round to 0 frames act as 0 ms. A speech window of no frame opens speech
+// when the first frame is decided, after that frame was released as pause: at 20 ms.
+TEST(AnalyzerTest, NegativeDurationsOfNoFrameActAsZero) {
+  const std::string zero = trace::Analyzer("SpeechWindowSizeMs=0", kSample, 160);
+  const size_t start = zero.find("\ne0 ");
+  ASSERT_GT(start, 24u);
+  EXPECT_EQ(zero.substr(start - 24, 8), "\nf1 0 0 ");
+  EXPECT_EQ(zero.substr(start, 31), "\ne0 3 20.000000\ne0 0 20.000000\n");
+  EXPECT_EQ(trace::Analyzer("SpeechWindowSizeMs=-29", kSample, 160), zero);
+  EXPECT_EQ(trace::Analyzer("EOSTimeoutMs=-69", kSample, 160), trace::Analyzer("EOSTimeoutMs=0", kSample, 160));
+  EXPECT_EQ(trace::Analyzer("HistogramMinWindowSizeMs=-29", kSample, 160),
+            trace::Analyzer("HistogramMinWindowSizeMs=0", kSample, 160));
+  AudioAnalyzer a("", 8000, false);
+  a.SetEOSTimeout(-69);
+  EXPECT_EQ(a.GetEOSTimeout(), -69);
+}
+
+// With a full scale of 0 or less a speech reading is 100 above the noise level plus offset
+// and 0 otherwise, pause readings 0; never NaN.
+TEST(AnalyzerTest, FullScaleOfNoExtent) {
+  const AudioData& samples = trace::Sample(kSample).samples;
+  for (const char* params : {"FullScaleSNR=0;MinRecordingLeveldBFS=-100", "FullScaleSNR=-5;MinRecordingLeveldBFS=-100"}) {
+    AudioAnalyzer a(params, 8000, false);
+    int readings = 0, speech = 0, full = 0;
+    for (size_t pos = 0; pos + 1600 <= samples.size(); pos += 1600) {
+      a.Process(samples.data() + pos, 1600);
+      kt::AnalyzerResultPtr r;
+      while (a.GetResult(r)) {
+        if (const auto* m = dynamic_cast<const kt::AnalyzerVolumeMeter*>(r.get())) {
+          const double pct = m->GetSNRVolumePct();
+          EXPECT_TRUE(pct == 0.0 || (pct == 100.0 && m->IsSpeechState())) << params << " " << pct;
+          ++readings;
+          speech += m->IsSpeechState();
+          full += pct == 100.0;
+        }
+      }
+    }
+    EXPECT_GT(full, 10) << params;
+    EXPECT_GT(speech, full - 1) << params;
+    EXPECT_GT(readings, speech) << params;
+  }
 }
 
 // The meter's per-cent scales: the level from the floor (a peak of 1) to 0 dBFS, the peak
@@ -202,6 +250,41 @@ TEST(AnalyzerTest, SpeechWindowAndTimeoutCountExactlyTheirFrames) {
   std::string states;
   for (int f = 104; f < 130; ++f) states += frames[f].isSpeech ? 'S' : '-';
   EXPECT_EQ(states, "--" + std::string(21, 'S') + "---");  // speech from 106 to 126, ended at 127
+}
+
+// UpdateParameters amid the quiet frames that end speech keeps their count: the end comes
+// 21 quiet decisions after the first, dated 7 frames back, as without the update.
+TEST(AnalyzerTest, UpdateKeepsThePauseCount) {
+  const char* const params = "ThresholdLowerLimit=55;ThresholdUpperLimit=55";  // fixed thresholds
+  AudioData samples;
+  unsigned seed = 7;
+  for (int f = 0; f < 170; ++f) {
+    for (int i = 0; i < 160; ++i) {
+      seed = seed * 1103515245u + 12345u;
+      double v = static_cast<double>((seed >> 16) % 41) - 20.0;
+      if (f >= 100 && f < 110) v += 8000.0 * (1.0 - std::cos(i * 2.0 * M_PI / 160.0)) * std::sin(i * 0.9);
+      samples.push_back(static_cast<int16_t>(v));
+    }
+  }
+  for (int updateAfter : {-1, 115, 125}) {
+    AudioAnalyzer a(params, 8000, false);
+    int firstQuiet = -1;
+    a.SetFrameObserver([&](const kt::FrameDecision& d) {
+      if (firstQuiet < 0 && d.frameIndex > 100 && d.energy < d.speechEndThreshold) firstQuiet = d.frameIndex;
+    });
+    for (int f = 0; f < 170; ++f) {
+      a.Process(samples.data() + 160 * f, 160);
+      if (f == updateAfter) a.UpdateParameters(params);
+    }
+    std::vector<double> ends;
+    kt::AnalyzerResultPtr r;
+    while (a.GetResult(r)) {
+      const auto* e = dynamic_cast<const AnalyzerEvent*>(r.get());
+      if (e && e->GetTag() == AnalyzerEvent::SpeechEnd) ends.push_back(e->GetTimeMs());
+    }
+    EXPECT_EQ(firstQuiet, 110) << updateAfter;
+    EXPECT_EQ(ends, std::vector<double>{(110 + 20 - 7) * 20.0}) << updateAfter;
+  }
 }
 
 TEST(AnalyzerTest, FlushEndsTheUtteranceAtTheEndOfTheAudio) {

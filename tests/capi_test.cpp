@@ -69,6 +69,10 @@ TEST(CInterfaceTest, AgcResultCodes) {
   EXPECT_EQ(KTRAGC_Init(8000), 0);
   EXPECT_EQ(KTRAGC_ComputeGain(clipped, 1600, 1, 1, &volume), 0);
   EXPECT_EQ(volume, 0);
+  // The product in double: 400/422 two steps down is 0.684834123f, times 422 288.9999999
+  // (289 in float).
+  EXPECT_EQ(KTRAGC_ComputeGain(clipped, 1600, 400, 422, &volume), 0);
+  EXPECT_EQ(volume, 288);
   EXPECT_EQ(KTRAGC_Deinit(), 0);
 }
 

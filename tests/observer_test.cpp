@@ -1,4 +1,5 @@
-// The services' observers report what they decided, and the key lists name what they read.
+// The services' observers report what they decided, the key lists name what they read with
+// their defaults, and each enum value has its name.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 
 #include "agc.h"
 #include "audioanalyzer.h"
+#include "trace.h"
 
 namespace {
 
@@ -71,7 +73,8 @@ TEST(ObserverTest, FrameDecisionsExplainTheAnalyzersEventsAndChangeNothing) {
     EXPECT_FALSE(std::isnan(frames[r].noiseLevel) || std::isnan(frames[r].speechLevel));
     EXPECT_LT(frames[r].noiseLevel, frames[r].speechLevel);
     if (k + 2 == events.size()) continue;  // closed by the flush, not by quiet
-    // An end keeps 7 of the 21 quiet frames; each smoothed energy was below its threshold.
+    // An end keeps 13 of the 21 quiet frames, dated 7 before the last; each smoothed energy
+    // was below its threshold.
     const long e = std::lround(events[k + 1].second / 20.0) + 7;
     EXPECT_TRUE(!frames[e].isSpeech && frames[e - 1].isSpeech) << k;
     for (long i = e - 20; i <= e; ++i) {
@@ -124,6 +127,73 @@ TEST(ObserverTest, ParameterKeysAreTheKeysRead) {
     EXPECT_THROW(kt::AGC(key + "=x", 16000), std::invalid_argument) << key;
   }
   EXPECT_EQ(kt::AGC::GetParameterKeys().size(), 21u);
+}
+
+// Every key read has a default, and the defaults written out as a parameter string change
+// nothing.
+TEST(ObserverTest, ParameterDefaultsAreTheValuesOfAbsentKeys) {
+  const auto analyzer = kt::AudioAnalyzer::GetParameterDefaults();
+  const auto agc = kt::AGC::GetParameterDefaults();
+  const auto join = [](const std::map<std::string, std::string>& defaults) {
+    std::string params;
+    for (const auto& entry : defaults) params += entry.first + "=" + entry.second + ";";
+    return params;
+  };
+  const auto keys = [](const std::map<std::string, std::string>& defaults) {
+    std::vector<std::string> names;
+    for (const auto& entry : defaults) names.push_back(entry.first);
+    return names;
+  };
+  std::vector<std::string> read = kt::AudioAnalyzer::GetParameterKeys();
+  std::sort(read.begin(), read.end());
+  EXPECT_EQ(keys(analyzer), read);
+  read = kt::AGC::GetParameterKeys();
+  std::sort(read.begin(), read.end());
+  EXPECT_EQ(keys(agc), read);
+  const std::map<std::string, std::string> someAnalyzer = {
+      {"SpeechWindowSizeMs", "200"}, {"SpeechWindowFraction", "0.3"}, {"EOSTimeoutMs", "420"},
+      {"TooNoisyLeveldBFS", "-25"}, {"CutoffFraction", "0.08"}, {"ThresholdOffsetPause", "16"}};
+  for (const auto& entry : someAnalyzer) EXPECT_EQ(analyzer.at(entry.first), entry.second) << entry.first;
+  const std::map<std::string, std::string> someAgc = {
+      {"SpeechWindowSizeMs", "800"}, {"CutoffFraction", "0.1"}, {"LeastGain", "0.001"},
+      {"FastStepSizeUp", "4"}, {"RelativeGain", "true"}, {"ThresholdOffsetPause", "6"}};
+  for (const auto& entry : someAgc) EXPECT_EQ(agc.at(entry.first), entry.second) << entry.first;
+  EXPECT_EQ(trace::Analyzer(join(analyzer), "message_8000.wav", 160),
+            trace::Analyzer("", "message_8000.wav", 160));
+  EXPECT_EQ(trace::Agc(join(agc), "message_8000.wav", 160), trace::Agc("", "message_8000.wav", 160));
+}
+
+// Names as hosts print them; a value outside an enum has the empty name (tried where the
+// enum's range holds one).
+TEST(ObserverTest, EnumValuesHaveNames) {
+  using kt::AnalyzerEvent;
+  using kt::AnalyzerVolumeMeter;
+  using kt::GainDecision;
+  using kt::ToString;
+  const std::vector<std::pair<const char*, const char*>> names = {
+      {ToString(kt::AnalyzerResult::RT_Event), "Event"},
+      {ToString(kt::AnalyzerResult::RT_AudioFrame), "AudioFrame"},
+      {ToString(kt::AnalyzerResult::RT_VolumeMeter), "VolumeMeter"},
+      {ToString(AnalyzerEvent::SpeechStart), "SpeechStart"},
+      {ToString(AnalyzerEvent::SpeechEnd), "SpeechEnd"},
+      {ToString(AnalyzerEvent::BelowVOR), "BelowVOR"},
+      {ToString(AnalyzerEvent::AboveVOR), "AboveVOR"},
+      {ToString(AnalyzerVolumeMeter::OK), "OK"},
+      {ToString(AnalyzerVolumeMeter::TooNoisy), "TooNoisy"},
+      {ToString(AnalyzerVolumeMeter::TooSoft), "TooSoft"},
+      {ToString(AnalyzerVolumeMeter::TooLoud), "TooLoud"},
+      {ToString(kt::AudioAnalyzer::Pause), "Pause"},
+      {ToString(kt::AudioAnalyzer::Speech), "Speech"},
+      {ToString(GainDecision::TooLow), "toolow"},
+      {ToString(GainDecision::TooHigh), "toohigh"},
+      {ToString(GainDecision::SpeechOnset), "speech"},
+      {ToString(GainDecision::Pause), "pause"},
+      {ToString(GainDecision::Nil), "nil"},
+      {ToString(static_cast<GainDecision::Outcome>(7)), ""},
+      {ToString(kt::AGC::Speech), "Speech"},
+      {ToString(kt::AGC::Initial), "Initial"},
+      {ToString(static_cast<kt::AGC::State>(-1)), ""}};
+  for (const auto& name : names) EXPECT_STREQ(name.first, name.second);
 }
 
 }  // namespace
