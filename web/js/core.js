@@ -119,17 +119,22 @@ function kindOf(samples) {
   throw new TypeError("ktfront: samples must be an Int16Array, or a Float32Array in -1..1");
 }
 
-// Calls body(pointer, count, kind) with the samples copied into the module's memory.
+// Calls body(pointer, count, kind) with the samples copied into the module's memory, into
+// one buffer kept from call to call (the module is single-threaded and calls do not nest).
+let sampleBuffer = 0;
+let sampleBufferBytes = 0;
 function withSamples(samples, body) {
   const kind = kindOf(samples);
-  const pointer = wasm.malloc(Math.max(1, samples.length) * samples.BYTES_PER_ELEMENT);
-  const View = kind === 0 ? Int16Array : Float32Array;
-  new View(wasm.memory.buffer, pointer, samples.length).set(samples);
-  try {
-    return body(pointer, samples.length, kind);
-  } finally {
-    wasm.free(pointer);
+  const bytes = Math.max(1, samples.length) * samples.BYTES_PER_ELEMENT;
+  if (bytes > sampleBufferBytes) {
+    wasm.free(sampleBuffer);
+    sampleBuffer = wasm.malloc(bytes);
+    sampleBufferBytes = sampleBuffer ? bytes : 0;
+    if (!sampleBuffer) throw new RangeError("ktfront: out of memory for " + samples.length + " samples");
   }
+  const View = kind === 0 ? Int16Array : Float32Array;
+  new View(wasm.memory.buffer, sampleBuffer, samples.length).set(samples);
+  return body(sampleBuffer, samples.length, kind);
 }
 
 function refused(params) {
