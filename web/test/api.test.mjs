@@ -43,6 +43,11 @@ test("installed offline into an empty project, import and require give the tool'
   }
   assert.deepEqual(Object.keys(JSON.parse(fs.readFileSync(path.join(project, "node_modules/ktfront/package.json")))
     .dependencies || {}), []);
+  // The Node example of docs/web.md prints what the tool prints.
+  const example = fs.readFileSync(path.join(root, "docs/web.md"), "utf8").match(/```js\n([^`]*)```/)[1];
+  fs.writeFileSync(path.join(project, "example.mjs"), example.replace('"samples/', `"${root}/samples/`));
+  const printedByExample = execFileSync("node", ["example.mjs"], { cwd: project, encoding: "utf8" });
+  assert.equal(printedByExample, execFileSync(tool, ["vad", wav], { encoding: "utf8", stdio: ["ignore", "pipe", "ignore"] }));
 });
 
 test("other rates are resampled as the tool resamples, in any chunking", () => {
