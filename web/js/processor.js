@@ -2,6 +2,13 @@
 // The AudioWorklet processor "ktfront": the analyzer, and optionally the gain control, in
 // the rendering thread. Audio that arrives while the module compiles is kept and analysed
 // once it is ready. Results go to the node's port as plain objects.
+// Times 32768, saturating, half away from zero; NaN reads as 0 (ktcli::ToSample).
+function toSample(f) {
+  if (Number.isNaN(f)) return 0;
+  const v = Math.min(32767, Math.max(-32768, f * 32768));
+  return Math.trunc(v + (v < 0 ? -0.5 : 0.5));
+}
+
 class KtfrontProcessor extends AudioWorkletProcessor {
   constructor(options) {
     super();
@@ -61,12 +68,13 @@ class KtfrontProcessor extends AudioWorkletProcessor {
     if (this._stopped) return false;
     const channels = inputs[0];
     if (!channels || channels.length === 0) return true;
-    // The channels' mean, as the tool mixes to mono.
+    // Mixed to mono as the tool mixes files: each channel onto 16 bits, their mean.
     const mono = new Float32Array(channels[0].length);
+    const scale = 1 / (channels.length * 32768);
     for (let i = 0; i < mono.length; i++) {
       let sum = 0;
-      for (const channel of channels) sum += channel[i];
-      mono[i] = sum / channels.length;
+      for (const channel of channels) sum += toSample(channel[i]);
+      mono[i] = sum * scale;
     }
     if (this._waiting) {
       this._waiting.push(mono);

@@ -46,9 +46,9 @@ int AnalysisRateFor(int rateHz) {
   return 0;
 }
 
-// Samples at any rate onto the 16-bit analysis-rate blocks the services take: 16-bit
-// samples pass unchanged at an analysis rate, floats go through ktcli::ToSample, and other
-// rates through the tool's resampler, the input fed in the tool's 4096-frame chunks.
+// Samples at any rate onto the 16-bit analysis-rate blocks the services take, as the tool
+// reads files: floats go through ktcli::ToSample first, and other rates through the tool's
+// resampler (16-bit samples times 1/32768), the input fed in the tool's 4096-frame chunks.
 // blockSamples 0 hands on what each call gives as one block.
 class Input {
  public:
@@ -69,7 +69,7 @@ class Input {
       constexpr size_t kChunk = 4096;
       for (size_t at = 0; at < count; at += kChunk) {
         _chunk.clear();
-        for (size_t i = at; i < std::min(count, at + kChunk); ++i) _chunk.push_back(ToFloat(samples[i]));
+        for (size_t i = at; i < std::min(count, at + kChunk); ++i) _chunk.push_back(ToFloat(To16(samples[i])));
         _resampled.clear();
         _resampler->Process(_chunk, _resampled);
         for (const float f : _resampled) _converted.push_back(ktcli::ToSample(f));
@@ -100,7 +100,6 @@ class Input {
 
  private:
   static float ToFloat(int16_t s) { return static_cast<float>(s * (1.0 / 32768.0)); }
-  static float ToFloat(float f) { return f; }
   static int16_t To16(int16_t s) { return s; }
   static int16_t To16(float f) { return ktcli::ToSample(f); }
 
