@@ -1,7 +1,7 @@
 // Types of the ktfront package (ktfront.mjs, ktfront.cjs).
 
 /** Resolves once the WebAssembly module is compiled; the classes and functions need it. */
-export const ready: Promise<typeof import("./ktfront.mjs")>;
+export const ready: Promise<typeof api>;
 
 /** 16-bit samples, or floats in -1..1 (times 32768, saturating, half away from zero). */
 export type Samples = Int16Array | Float32Array;
