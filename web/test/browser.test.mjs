@@ -40,9 +40,15 @@ function devtools(child) {
       if (waiting.has(message.id)) waiting.get(message.id)(message);
     }
   });
+  // A call unanswered in 10 s (a page navigating, a browser still starting) is an error.
   return (method, params = {}, sessionId = undefined) =>
     new Promise((resolve, reject) => {
-      waiting.set(++id, (m) => (m.error ? reject(new Error(JSON.stringify(m.error))) : resolve(m.result)));
+      const timer = setTimeout(() => reject(new Error(`${method}: no answer`)), 10000);
+      waiting.set(++id, (m) => {
+        clearTimeout(timer);
+        if (m.error) reject(new Error(JSON.stringify(m.error)));
+        else resolve(m.result);
+      });
       child.stdio[3].write(JSON.stringify({ id, method, params, sessionId }) + "\0");
     });
 }
@@ -82,9 +88,11 @@ test("the demo page finds the recording's segments", { timeout: 90000 }, async (
 
 async function check(child, audio) {
   const send = devtools(child);
-  await sleep(1000);
-  const { targetInfos } = await send("Target.getTargets");
-  const page = targetInfos.find((target) => target.type === "page");
+  let page;
+  for (let i = 0; i < 20 && !page; i++) {
+    await sleep(500);
+    page = (await send("Target.getTargets")).targetInfos.find((target) => target.type === "page");
+  }
   const { sessionId } = await send("Target.attachToTarget", { targetId: page.targetId, flatten: true });
   const read = async (id) => {
     const expression = `document.getElementById("${id}")?.textContent ?? ""`;
