@@ -39,7 +39,7 @@ async function start() {
     ktfront.addEventListener("gain", ({ detail }) => { $("gain").textContent = detail.gain.toFixed(3); });
     $("analysis-rate").textContent = ktfront.rate;
     $("state").textContent = "pause";
-    if (!gainControl) $("gain").textContent = "off";
+    $("gain").textContent = gainControl ? "0.500" : "off";
   } catch (error) {
     $("state").textContent = "error: " + error.message;
     $("start").disabled = false;

@@ -6,14 +6,14 @@ import { execFileSync } from "node:child_process";
 import fs from "node:fs";
 import os from "node:os";
 import path from "node:path";
-import test from "node:test";
+import test, { after } from "node:test";
 
 import { ktfront, readWav, root } from "./common.mjs";
 
 const { Analyzer, GainControl, ParameterError, segments } = ktfront;
 const tool = process.env.KTFRONT_TOOL || path.join(root, "build/x86_64/tools/ktfront");
 const work = fs.mkdtempSync(path.join(os.tmpdir(), "ktfront-api-"));
-test.after(() => fs.rmSync(work, { recursive: true, force: true }));
+after(() => fs.rmSync(work, { recursive: true, force: true }));
 
 // `ktfront vad FILE` as numbers.
 function vad(file) {
