@@ -4,9 +4,10 @@
 
 const WASM_BASE64 = "@WASM_BASE64@";
 
-const EVENT_TAGS = ["SpeechStart", "SpeechEnd", "BelowVOR", "AboveVOR"];
-const VOLUME_INFOS = ["OK", "TooNoisy", "TooSoft", "TooLoud"];
-const OUTCOMES = ["toolow", "toohigh", "speech", "pause", "nil"];
+// The library's names of its enumerators, read once loaded.
+const EVENT_TAGS = [];
+const VOLUME_INFOS = [];
+const OUTCOMES = [];
 
 // Worklets have neither atob nor Buffer.
 function decodeBase64(text) {
@@ -58,6 +59,9 @@ const ready = WebAssembly.instantiate(decodeBase64(WASM_BASE64), imports).then((
   wasm = result.instance.exports;
   wasm._initialize();
   scratch = wasm.malloc(16 * 8);
+  for (let v = 0; v < 4; v++) EVENT_TAGS.push(readString(wasm.kw_name(0, v)));
+  for (let v = 0; v < 4; v++) VOLUME_INFOS.push(readString(wasm.kw_name(1, v)));
+  for (let v = 0; v < 5; v++) OUTCOMES.push(readString(wasm.kw_name(2, v)));
   return api;
 });
 
@@ -154,6 +158,12 @@ function blockMsOf(options) {
 const registry = typeof FinalizationRegistry === "function"
   ? new FinalizationRegistry(([free, handle]) => free(handle)) : null;
 
+// Every key of a service with its default value, as a parameter string would write it.
+function parameterDefaults(service) {
+  const text = readString(loaded().kw_parameter_defaults(service));
+  return Object.fromEntries(text.split(";").filter(Boolean).map((pair) => pair.split("=")));
+}
+
 /**
  * The speech analyzer over a stream of blocks: speech start and end, and a volume reading
  * with its verdict for every block. Any rate from 8000 Hz runs at the highest of 16000,
@@ -169,6 +179,9 @@ class Analyzer {
     this._params = params;
     if (registry) registry.register(this, [wasm.kw_analyzer_delete, this._handle], this);
   }
+
+  /** Every key the parameter string may set, with its default: {"EOSTimeoutMs": "420", ...}. */
+  static parameterDefaults() { return parameterDefaults(0); }
 
   /** The rate the analyzer runs at, in Hz. */
   get rate() { return wasm.kw_analyzer_rate(this._live()); }
@@ -246,6 +259,8 @@ class GainControl {
     if (!this._handle) throw refused(params);
     if (registry) registry.register(this, [wasm.kw_agc_delete, this._handle], this);
   }
+
+  static parameterDefaults() { return parameterDefaults(1); }
 
   get rate() { return wasm.kw_agc_rate(this._live()); }
 

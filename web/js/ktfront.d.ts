@@ -43,6 +43,8 @@ export class ParameterError extends Error {
 export class Analyzer {
   /** Throws TypeError, RangeError (rate below 8000 Hz) or ParameterError. */
   constructor(rate: number, params?: string, options?: StreamOptions & { frames?: boolean });
+  /** Every key the parameter string may set, with its default as a string would write it. */
+  static parameterDefaults(): Record<string, string>;
   /** The rate the analyzer runs at: 16000, 11025 or 8000 Hz. */
   readonly rate: number;
   process(samples: Samples): AnalyzerResult[];
@@ -69,6 +71,7 @@ export interface GainDecision {
 
 export class GainControl {
   constructor(rate: number, params?: string, options?: StreamOptions & { log?: boolean });
+  static parameterDefaults(): Record<string, string>;
   readonly rate: number;
   readonly medianGain: number;
   process(samples: Samples, gain: number): { gain: number; decisions: GainDecision[] };

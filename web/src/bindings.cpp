@@ -184,6 +184,26 @@ KW_EXPORT const char* kw_error() { return g_error.c_str(); }
 
 KW_EXPORT int kw_analysis_rate(int rateHz) { return AnalysisRateFor(rateHz); }
 
+// The library's own word for an enumerator: what 0 an event tag, 1 a volume verdict, 2 a
+// gain decision's outcome.
+KW_EXPORT const char* kw_name(int what, int value) {
+  if (what == 0) return kt::ToString(static_cast<kt::AnalyzerEvent::EventTag>(value));
+  if (what == 1) return kt::ToString(static_cast<kt::AnalyzerVolumeMeter::Info>(value));
+  return kt::ToString(static_cast<kt::GainDecision::Outcome>(value));
+}
+
+// Every key of a service (0 the analyzer, 1 the gain control) with its default, as
+// "key=value;..." in key order.
+KW_EXPORT const char* kw_parameter_defaults(int service) {
+  static std::string text;
+  text.clear();
+  for (const auto& [key, value] :
+       service == 0 ? kt::AudioAnalyzer::GetParameterDefaults() : kt::AGC::GetParameterDefaults()) {
+    text += key + "=" + value + ";";
+  }
+  return text.c_str();
+}
+
 // --- speech analyzer
 
 KW_EXPORT Analyzer* kw_analyzer_new(const char* params, int rateHz, int frames, double blockMs) {

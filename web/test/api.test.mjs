@@ -94,7 +94,7 @@ test("bad input gives the documented error and leaves the objects usable", () =>
     assert.throws(() => new GainControl(rate), RangeError);
   }
   for (const [params, reason] of [["EOSTimeoutMs", "Invalid format"], ["EOSTimeoutMs=", "Invalid format"],
-                                  ["EOSTimeoutMs=abc", "Invalid format"], ["EOSTimeoutMs=-20", "Value out of range"]]) {
+                                  ["EOSTimeoutMs=abc", "Invalid format"], ["EOSTimeoutMs=-100", "Value out of range"]]) {
     assert.throws(() => segments(samples, 16000, params), (e) => e instanceof ParameterError && e.reason === reason);
   }
   assert.throws(() => new GainControl(16000, "WindowSizeMs=x"), ParameterError);
@@ -109,4 +109,24 @@ test("bad input gives the documented error and leaves the objects usable", () =>
   assert.equal(typeof agc.process(samples, 0.5).gain, "number");
   analyzer.free();
   assert.throws(() => analyzer.process(samples), /freed/);
+});
+
+test("the defaults, given back as a parameter string, change nothing", () => {
+  const asString = (defaults) => Object.entries(defaults).map(([k, v]) => `${k}=${v}`).join(";");
+  const analyzerDefaults = Analyzer.parameterDefaults();
+  assert.equal(analyzerDefaults.EOSTimeoutMs, "420");
+  assert.ok(Object.keys(analyzerDefaults).length >= 18);
+  const { rate, samples } = readWav("forecast_16000.wav");
+  const trace = (params) => {
+    const a = new Analyzer(rate, params);
+    return JSON.stringify(a.process(samples).concat(a.flush()));
+  };
+  assert.equal(trace(asString(analyzerDefaults)), trace(""));
+  const gainDefaults = GainControl.parameterDefaults();
+  assert.ok(Object.keys(gainDefaults).length >= 20);
+  const gains = (params) => {
+    const g = new GainControl(rate, params, { blockMs: 20 });
+    return JSON.stringify([0.1, 0.5, 0.9].map((gain) => g.process(samples, gain)));
+  };
+  assert.equal(gains(asString(gainDefaults)), gains(""));
 });
