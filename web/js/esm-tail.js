@@ -1,0 +1,3 @@
+
+export { ready, Analyzer, GainControl, ParameterError, segments, cInterface };
+export default api;
