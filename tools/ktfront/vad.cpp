@@ -19,7 +19,7 @@
 #include "output.h"
 #include "outputfile.h"
 #include "parameters.h"
-#include "plot.h"
+#include "chart.h"
 #include "source.h"
 #include "textformat.h"
 #include "vadrun.h"

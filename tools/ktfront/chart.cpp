@@ -1,4 +1,4 @@
-#include "plot.h"
+#include "chart.h"
 
 #include <cairo-svg.h>
 
