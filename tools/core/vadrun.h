@@ -1,50 +1,49 @@
 #pragma once
 // The speech analyzer fed block by block, through the classes or the C interface; every
-// result becomes a JSON record handed on as soon as the block that produced it is done.
+// result becomes a record handed on as soon as the block that produced it is done.
 #include <deque>
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "audioanalyzer.h"
+#include "records.h"
 
 namespace ktcli {
 
-class Segment {
+// Frames are decided before their results leave the analyzer's queue: the decisions wait
+// here until their frame comes out.
+class DecisionJoin {
  public:
-  Segment(double startS, double endS, bool open) : _startS(startS), _endS(endS), _open(open) {}
-  double GetStartS() const { return _startS; }
-  double GetEndS() const { return _endS; }
-  // Not ended by the analyzer: the input ended (C interface) or was interrupted.
-  bool IsOpen() const { return _open; }
+  void Add(const kt::FrameDecision& decision) { _decisions.push_back(decision); }
+  // The decision of this frame, dropping those of earlier frames; none for the short last
+  // frame of a flush, which is never decided.
+  std::optional<kt::FrameDecision> Take(int frameIndex);
+  void Clear() { _decisions.clear(); }
 
  private:
-  double _startS;
-  double _endS;
-  bool _open;
+  std::deque<kt::FrameDecision> _decisions;
 };
 
 class VadRun {
  public:
-  using RecordSink = std::function<void(const nlohmann::ordered_json&)>;
   using FrameSink = std::function<void(const kt::FrameDecision&)>;
 
-  // Which records to build: segments and events always, the others on request.
+  // Which records to build: stream, events, segments and end always, the others on request.
   struct Wanted {
     bool volume = false;
     bool frames = false;
   };
 
-  // kt::AudioAnalyzer with the parameter string; flushed by Finish.
-  VadRun(int rateHz, const std::string& params, int blockSamples, Wanted wanted, RecordSink sink,
-         FrameSink frameSink = nullptr);
+  // kt::AudioAnalyzer with the parameter string; flushed by Finish. Records name file.
+  VadRun(const std::string& file, int rateHz, const std::string& params, int blockSamples, Wanted wanted,
+         RecordSink sink, FrameSink frameSink = nullptr);
   // KTRVAD_* with its defaults; every pending result is fetched after each block. Times are
   // when the host hears of a result: the end of the block whose call reported it.
-  VadRun(int rateHz, int blockSamples, Wanted wanted, RecordSink sink);
+  VadRun(const std::string& file, int rateHz, int blockSamples, Wanted wanted, RecordSink sink);
   ~VadRun();
   VadRun(const VadRun&) = delete;
   VadRun& operator=(const VadRun&) = delete;
@@ -55,17 +54,20 @@ class VadRun {
   void Finish(bool interrupted);
 
  private:
+  template <typename T>
+  void Emit(T body) {
+    _sink(Record{_file, std::move(body)});
+  }
   void Drain();
-  void AddEvent(const char* tag, double timeMs);
+  void AddEvent(kt::AnalyzerEvent::EventTag tag, double timeMs);
   void CloseOpenSegment(double endS);
-  void Emit(const nlohmann::ordered_json& record) { _sink(record); }
 
+  std::shared_ptr<const std::string> _file;
   int _rateHz;
-  int _blockSamples;
   Wanted _wanted;
   RecordSink _sink;
   std::unique_ptr<kt::AudioAnalyzer> _analyzer;  // null through the C interface
-  std::deque<kt::FrameDecision> _decisions;      // decided frames whose result is still held back
+  DecisionJoin _decisions;
   uint64_t _samples = 0;
   bool _finishing = false;
   bool _interrupted = false;
@@ -76,5 +78,17 @@ class VadRun {
 // classes in host blocks of blockSamples, the last one shorter.
 std::vector<std::pair<double, double>> SpeechSegments(const int16_t* samples, size_t count, int rateHz,
                                                       const std::string& params, int blockSamples);
+
+// A segment with the volume readings dated inside it (after its start, up to its end).
+struct SegmentVolume {
+  double startS;
+  double endS;
+  std::optional<double> peakdBFS;          // the highest volumedBFS; none without readings
+  std::optional<double> meanSnrVolumePct;  // the mean SNR volume; none without readings
+};
+
+// The same segments with their volume, from one run over the samples.
+std::vector<SegmentVolume> SpeechSegmentsWithVolume(const int16_t* samples, size_t count, int rateHz,
+                                                    const std::string& params, int blockSamples);
 
 }  // namespace ktcli

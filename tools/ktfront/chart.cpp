@@ -42,16 +42,13 @@ constexpr Rgb kWave{0.27, 0.45, 0.70};
 constexpr Rgb kEnergy{0.25, 0.25, 0.25};
 constexpr Rgb kGrid{0.88, 0.88, 0.88};
 
-const char* InfoName(int info) {
-  static const char* const kNames[] = {"OK", "TooNoisy", "TooSoft", "TooLoud"};
-  return info >= 0 && info < 4 ? kNames[info] : "?";
-}
-
-Rgb VerdictColour(const std::string& info) {
-  if (info == "TooNoisy") return kOrange;
-  if (info == "TooSoft") return kBlue;
-  if (info == "TooLoud") return kRed;
-  return {0.72, 0.72, 0.72};
+Rgb VerdictColour(kt::AnalyzerVolumeMeter::Info info) {
+  switch (info) {
+    case kt::AnalyzerVolumeMeter::TooNoisy: return kOrange;
+    case kt::AnalyzerVolumeMeter::TooSoft: return kBlue;
+    case kt::AnalyzerVolumeMeter::TooLoud: return kRed;
+    default: return {0.72, 0.72, 0.72};
+  }
 }
 
 Rgb DecisionColour(const std::string& decision) {
@@ -109,7 +106,7 @@ void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
   Text(cr, x + 30, y, _text, 0.0);
 }
 
-Plot::Plot(const PlotData& data, std::vector<Segment> labels, std::string params, double fromS, double toS)
+Plot::Plot(const PlotData& data, std::vector<Region> labels, std::string params, double fromS, double toS)
     : _data(data),
       _labels(std::move(labels)),
       _params(std::move(params)),
@@ -260,8 +257,8 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
 
 void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kSpeechShade);
-  for (const Segment& segment : _data.segments) {
-    cairo_rectangle(cr, X(segment.GetStartS()), panel.GetTop(), X(segment.GetEndS()) - X(segment.GetStartS()),
+  for (const SegmentRecord& segment : _data.segments) {
+    cairo_rectangle(cr, X(segment.startS), panel.GetTop(), X(segment.endS) - X(segment.startS),
                     panel.GetBottom() - panel.GetTop());
   }
   cairo_fill(cr);
@@ -306,8 +303,8 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
                                   {"detected speech", LegendEntry::Box, kSpeechShade}};
   if (!_labels.empty()) {
     SetColour(cr, kLabelBar);
-    for (const Segment& label : _labels) {
-      cairo_rectangle(cr, X(label.GetStartS()), panel.GetTop() + 3, X(label.GetEndS()) - X(label.GetStartS()), 6);
+    for (const Region& label : _labels) {
+      cairo_rectangle(cr, X(label.startS), panel.GetTop() + 3, X(label.endS) - X(label.startS), 6);
     }
     cairo_fill(cr);
     legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
@@ -370,9 +367,8 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
   const std::vector<PlotData::Volume>& readings = _data.volumes;
   double bandStartS = 0.0;
   for (size_t i = 0; i < readings.size(); ++i) {
-    const std::string info = InfoName(readings[i].info);
     if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
-    SetColour(cr, VerdictColour(info));
+    SetColour(cr, VerdictColour(readings[i].info));
     cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].timeS) - X(bandStartS),
                     panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
     cairo_fill(cr);
@@ -391,10 +387,10 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
   }
   cairo_stroke(cr);
   return {{"SNR volume", LegendEntry::Line, kTeal},
-              {"verdict OK", LegendEntry::Box, VerdictColour("OK")},
-              {"too noisy", LegendEntry::Box, VerdictColour("TooNoisy")},
-              {"too soft", LegendEntry::Box, VerdictColour("TooSoft")},
-              {"too loud", LegendEntry::Box, VerdictColour("TooLoud")}};
+              {"verdict OK", LegendEntry::Box, VerdictColour(kt::AnalyzerVolumeMeter::OK)},
+              {"too noisy", LegendEntry::Box, VerdictColour(kt::AnalyzerVolumeMeter::TooNoisy)},
+              {"too soft", LegendEntry::Box, VerdictColour(kt::AnalyzerVolumeMeter::TooSoft)},
+              {"too loud", LegendEntry::Box, VerdictColour(kt::AnalyzerVolumeMeter::TooLoud)}};
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
@@ -402,21 +398,21 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
   cairo_move_to(cr, X(0.0), panel.Y(gain));
-  for (const GainUpdate& update : _data.gains) {
-    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
-    gain = update.GetGain();
-    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
+  for (const GainRecord& update : _data.gains) {
+    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
+    gain = update.gain;
+    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
   }
   cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
   // Mark the updates that did more than wait.
   gain = _data.startGain;
-  for (const GainUpdate& update : _data.gains) {
-    const bool stepped = update.GetGain() != gain;
-    gain = update.GetGain();
-    if (update.GetDecision() == "nil" && !stepped) continue;
-    SetColour(cr, DecisionColour(update.GetDecision()));
-    cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
+  for (const GainRecord& update : _data.gains) {
+    const bool stepped = update.gain != gain;
+    gain = update.gain;
+    if (std::string(DecisionWord(update)) == "nil" && !stepped) continue;
+    SetColour(cr, DecisionColour(DecisionWord(update)));
+    cairo_arc(cr, X(update.timeS), panel.Y(update.gain), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);
   }
   return {{"gain (closed loop)", LegendEntry::Line, kDark},

@@ -1,16 +1,38 @@
 #pragma once
-// The subcommands of ktfront. Each returns the exit status; failures throw
-// UsageError (bad combination of options) or std::runtime_error (bad input, I/O).
+// The subcommands of ktfront, one file each, and what they share. A subcommand declares its
+// options on the app and returns what runs it once they are parsed; that returns the exit
+// status, and failures throw UsageError (bad combination of options) or std::runtime_error
+// (bad input, I/O).
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "audiodata.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
 namespace ktcli {
+
+class AudioSource;
 
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+using Runner = std::function<int()>;
+using Declare = Runner (*)(CLI::App& app);
+
+Runner DeclareVad(CLI::App& app);
+Runner DeclareSplit(CLI::App& app);
+Runner DeclareAgc(CLI::App& app);
+Runner DeclarePlot(CLI::App& app);
+Runner DeclareEval(CLI::App& app);
+Runner DeclareTune(CLI::App& app);
 
 // Where the audio comes from; shared by every subcommand.
 struct InputOptions {
@@ -19,49 +41,35 @@ struct InputOptions {
   int blockMs = 20;
 };
 
-struct VadOptions {
-  InputOptions input;
-  std::string params;
-  std::string api = "classes";
-  bool volume = false;
-  bool frames = false;
-  bool json = false;
-  std::string format = "plain";  // or a label format: audacity, rttm, textgrid
-};
+// FILE, --rate and --block-ms. With files, FILE takes several recordings and @list.txt
+// manifests, and --jobs is added.
+void AddInputOptions(CLI::App* command, InputOptions& input, std::vector<std::string>* files = nullptr,
+                     int* jobs = nullptr);
+void AddJobsOption(CLI::App* command, int& jobs, const std::string& help);
+void AddRateOption(CLI::App* command, int& rawRateHz);
+void AddBlockOption(CLI::App* command, int& blockMs);
+void AddParamsOption(CLI::App* command, std::string& params, const char* service);
+CLI::Option* AddApiOption(CLI::App* command, std::string& api);
 
-struct SplitOptions {
-  InputOptions input;
-  std::string params;
-  std::string directory;
-};
+// Prints each warning of a parameter check.
+void Warn(const std::vector<std::string>& warnings);
 
-struct AgcOptions {
-  InputOptions input;
-  std::string params;
-  std::string api = "classes";
-  float startGain = 0.5f;
-  long bound = 100;
-  std::string outputWav;
-  std::string logPath;
-  bool json = false;
-};
+// The input in host blocks (see Pump in blocks.h), until its end or SIGINT or SIGTERM;
+// returns whether a signal ended it.
+bool PumpInput(AudioSource& source, int blockSamples, const std::function<void(const kt::AudioData&)>& onBlock,
+               const std::function<void(const AudioSource&)>& onChunk = nullptr);
 
-struct PlotOptions {
-  InputOptions input;
-  std::string params;
-  std::vector<std::string> outputs;
-  std::string labelsPath;
-  std::string labelsId;
-  bool agc = false;
-  std::string agcParams;
-  float startGain = 0.5f;
-  double fromS = 0.0;
-  double toS = 0.0;
-};
+// Reported once the run has ended, so that a failure prints its one line only.
+void ReportRate(const AudioSource& source, bool interrupted);
 
-int RunVad(const VadOptions& options);
-int RunSplit(const SplitOptions& options);
-int RunAgc(const AgcOptions& options);
-int RunPlot(const PlotOptions& options);
+// Lines gathered while a block is processed, written and flushed once it is done.
+class LineBuffer {
+ public:
+  void Add(const std::string& text) { _text += text; }
+  void Flush();
+
+ private:
+  std::string _text;
+};
 
 }  // namespace ktcli

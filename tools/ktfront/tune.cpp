@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -12,8 +13,6 @@
 #include <random>
 #include <sstream>
 #include <stdexcept>
-
-#include <nlohmann/json.hpp>
 
 #include "audioanalyzer.h"
 #include "commands.h"
@@ -289,9 +288,7 @@ int RunTune(const TuneOptions& options) {
     heldTuned = ScoreEach(held, bestParams, options);
   }
   if (options.json) {
-    nlohmann::ordered_json head = {{"type", "best"}, {"params", bestParams}, {"tried", objective.Count()},
-                                   {"seed", options.seed}};
-    std::string text = head.dump() + "\n";
+    std::string text = FormatBestJson(bestParams, objective.Count(), options.seed);
     text += FormatScoresJson(NamesOf(recordings), defaults, {{"set", "tune"}, {"string", "defaults"}});
     text += FormatScoresJson(NamesOf(recordings), tuned, {{"set", "tune"}, {"string", "best"}});
     if (!held.empty()) {
@@ -312,6 +309,30 @@ int RunTune(const TuneOptions& options) {
   }
   WriteOut(text);
   return 0;
+}
+
+Runner DeclareTune(CLI::App& app) {
+  auto options = std::make_shared<TuneOptions>();
+  CLI::App* command = app.add_subcommand("tune", "Search the analyzer's parameter string for the lowest error rate");
+  command->add_option("FILE", options->files, "Labelled recordings to tune on, or @list.txt")->required();
+  command->add_option("--labels", options->labels, "Reference labels, as for eval")->allow_extra_args(false);
+  command->add_option("--validate", options->validate, "Labelled recordings to compare defaults and best string on")
+      ->expected(1, -1);
+  command->add_option("--keys", options->keys, "Keys to search (default: time-out, speech window, histogram)")
+      ->delimiter(',');
+  command->add_option("--space", options->spacePath, "Ranges to search: \"Key LOW HIGH [STEP]\" lines");
+  command->add_option("--seed", options->seed, "Seed of the random phase")->capture_default_str();
+  command->add_option("--evals", options->evaluations, "Parameter strings to try at most")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10000000));
+  command->add_option("--time", options->timeS, "Stop after this many seconds (the result then depends on speed)")
+      ->check(CLI::PositiveNumber);
+  command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
+      ->check(CLI::NonNegativeNumber);
+  AddJobsOption(command, options->jobs, "Threads (default: one per core)");
+  command->add_flag("--json", options->json, "The best string, then every score as JSON Lines");
+  AddBlockOption(command, options->blockMs);
+  return [options] { return RunTune(*options); };
 }
 
 }  // namespace ktcli
