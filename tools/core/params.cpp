@@ -29,6 +29,7 @@ std::invalid_argument Refusal(const std::string& params, const std::exception& e
 }  // namespace
 
 std::vector<std::string> CheckAnalyzerParams(const std::string& params, int rateHz) {
+  kt::AudioAnalyzer(std::string(), rateHz, false);  // a rate it refuses is no fault of the string
   try {
     kt::AudioAnalyzer(params, rateHz, false);
   } catch (const std::invalid_argument& e) {
