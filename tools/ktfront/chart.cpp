@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <stdexcept>
 
 #include "audioanalyzer.h"
@@ -51,12 +52,15 @@ Rgb VerdictColour(kt::AnalyzerVolumeMeter::Info info) {
   }
 }
 
-Rgb DecisionColour(const std::string& decision) {
-  if (decision == "toolow") return kBlue;
-  if (decision == "toohigh") return kRed;
-  if (decision == "speech") return kTeal;
-  if (decision == "pause") return {0.55, 0.55, 0.55};
-  return kPurple;  // a single step up during speech
+// By the gain control's outcome; the restart at gain 0 has none.
+Rgb DecisionColour(std::optional<kt::GainDecision::Outcome> outcome) {
+  switch (outcome.value_or(kt::GainDecision::Nil)) {
+    case kt::GainDecision::TooLow: return kBlue;
+    case kt::GainDecision::TooHigh: return kRed;
+    case kt::GainDecision::SpeechOnset: return kTeal;
+    case kt::GainDecision::Pause: return {0.55, 0.55, 0.55};
+    default: return kPurple;  // a single step up during speech
+  }
 }
 
 void SetColour(cairo_t* cr, const Rgb& c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
@@ -410,17 +414,19 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
   for (const GainRecord& update : _data.gains) {
     const bool stepped = update.gain != gain;
     gain = update.gain;
-    if (std::string(DecisionWord(update)) == "nil" && !stepped) continue;
-    SetColour(cr, DecisionColour(DecisionWord(update)));
+    std::optional<kt::GainDecision::Outcome> outcome;
+    if (update.decision) outcome = update.decision->outcome;
+    if (outcome == kt::GainDecision::Nil && !stepped) continue;
+    SetColour(cr, DecisionColour(outcome));
     cairo_arc(cr, X(update.timeS), panel.Y(update.gain), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);
   }
   return {{"gain (closed loop)", LegendEntry::Line, kDark},
-              {"too low: jump up", LegendEntry::Box, DecisionColour("toolow")},
-              {"too high: jump down", LegendEntry::Box, DecisionColour("toohigh")},
-              {"speech onset", LegendEntry::Box, DecisionColour("speech")},
-              {"pause", LegendEntry::Box, DecisionColour("pause")},
-              {"step up in speech", LegendEntry::Box, DecisionColour("nil")}};
+              {"too low: jump up", LegendEntry::Box, DecisionColour(kt::GainDecision::TooLow)},
+              {"too high: jump down", LegendEntry::Box, DecisionColour(kt::GainDecision::TooHigh)},
+              {"speech onset", LegendEntry::Box, DecisionColour(kt::GainDecision::SpeechOnset)},
+              {"pause", LegendEntry::Box, DecisionColour(kt::GainDecision::Pause)},
+              {"step up in speech", LegendEntry::Box, DecisionColour(kt::GainDecision::Nil)}};
 }
 
 }  // namespace ktcli
