@@ -34,7 +34,7 @@ const char* ToString(kt::GainDecision::Outcome outcome) {
 }
 
 const char* DecisionWord(const GainRecord& gain) {
-  if (gain.decision) return ToString(gain.decision->outcome);
+  if (gain.decision) return ktcli::ToString(gain.decision->outcome);
   return gain.volume ? "-" : "median";
 }
 
