@@ -6,7 +6,7 @@
 
 #include "agcrun.h"
 #include "blocks.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "jobs.h"
 #include "output.h"
 #include "outputfile.h"

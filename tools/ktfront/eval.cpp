@@ -11,7 +11,7 @@
 
 #include "audioanalyzer.h"
 #include "blocks.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "jobs.h"
 #include "output.h"
 #include "params.h"

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "commands.h"
+#include "subcommand.h"
 #include "ktfront/version.h"
 #include "output.h"
 

@@ -7,7 +7,7 @@
 #include "agcrun.h"
 #include "blocks.h"
 #include "chart.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "labels.h"
 #include "output.h"
 #include "outputfile.h"

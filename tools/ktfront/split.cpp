@@ -12,7 +12,7 @@
 
 #include "audioanalyzer.h"
 #include "blocks.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "jobs.h"
 #include "labels.h"
 #include "output.h"

@@ -15,7 +15,7 @@
 #include <stdexcept>
 
 #include "audioanalyzer.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "eval.h"
 #include "jobs.h"
 #include "output.h"

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "blocks.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "jobs.h"
 #include "labels.h"
 #include "output.h"

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "subcommand.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
