@@ -187,13 +187,13 @@ class Analyzer {
       switch (r->GetType()) {
         case kt::AnalyzerResult::RT_Event: {
           const auto& e = static_cast<const kt::AnalyzerEvent&>(*r);
-          out.append(Event{ktcli::ToString(e.GetTag()), e.GetTimeMs()});
+          out.append(Event{kt::ToString(e.GetTag()), e.GetTimeMs()});
           break;
         }
         case kt::AnalyzerResult::RT_VolumeMeter: {
           const auto& v = static_cast<const kt::AnalyzerVolumeMeter&>(*r);
           out.append(Volume{v.GetTimeMs(), v.GetVolumedBFS(), v.GetVolume(), v.GetSNRVolumePct(),
-                            ktcli::ToString(v.GetInfo()), v.IsSpeechState()});
+                            kt::ToString(v.GetInfo()), v.IsSpeechState()});
           break;
         }
         case kt::AnalyzerResult::RT_AudioFrame: {
@@ -421,13 +421,13 @@ PYBIND11_MODULE(_ktfront, m) {
       .def_readonly("upper_level", &kt::GainDecision::upperLevel)
       .def_readonly("clipping_fraction", &kt::GainDecision::clippingFraction)
       .def_readonly("num_levels", &kt::GainDecision::numLevels)
-      .def_property_readonly("outcome", [](const kt::GainDecision& d) { return ktcli::ToString(d.outcome); },
+      .def_property_readonly("outcome", [](const kt::GainDecision& d) { return kt::ToString(d.outcome); },
                              "\"toolow\", \"toohigh\", \"speech\", \"pause\" or \"nil\"")
       .def_readonly("outcome_time_ms", &kt::GainDecision::outcomeTimeMs)
       .def_readonly("stepped", &kt::GainDecision::stepped)
       .def_readonly("new_gain", &kt::GainDecision::newGain)
       .def("__repr__", [](const kt::GainDecision& d) {
-        return Repr("GainDecision", std::string("outcome='") + ktcli::ToString(d.outcome) + "', new_gain=" + Num(d.newGain));
+        return Repr("GainDecision", std::string("outcome='") + kt::ToString(d.outcome) + "', new_gain=" + Num(d.newGain));
       });
 
   py::class_<GainControl>(m, "GainControl",

@@ -18,12 +18,12 @@ struct ToJson {
             {"blockSamples", r.blockSamples}};
   }
   Json operator()(const EventRecord& r) const {
-    return {{"type", "event"}, {"tag", ktcli::ToString(r.tag)}, {"timeMs", r.timeMs}};
+    return {{"type", "event"}, {"tag", kt::ToString(r.tag)}, {"timeMs", r.timeMs}};
   }
   Json operator()(const VolumeRecord& r) const {
-    if (!r.levels) return {{"type", "volume"}, {"timeMs", r.timeMs}, {"snrVolumePct", r.snrVolumePct}, {"info", ktcli::ToString(r.info)}};
+    if (!r.levels) return {{"type", "volume"}, {"timeMs", r.timeMs}, {"snrVolumePct", r.snrVolumePct}, {"info", kt::ToString(r.info)}};
     return {{"type", "volume"},          {"timeMs", r.timeMs},           {"volumedBFS", r.levels->volumedBFS},
-            {"volume", r.levels->volume}, {"snrVolumePct", r.snrVolumePct}, {"info", ktcli::ToString(r.info)},
+            {"volume", r.levels->volume}, {"snrVolumePct", r.snrVolumePct}, {"info", kt::ToString(r.info)},
             {"isSpeechState", r.levels->isSpeechState}};
   }
   Json operator()(const FrameRecord& r) const {

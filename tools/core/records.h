@@ -86,13 +86,8 @@ struct Record {
 
 using RecordSink = std::function<void(const Record&)>;
 
-// The names the tool and the Python module print for the library's values.
-const char* ToString(kt::AnalyzerEvent::EventTag tag);
-const char* ToString(kt::AnalyzerVolumeMeter::Info info);
-// The record word of the gain control's diagnostic log: "toolow", "toohigh", "speech", "pause", "nil".
-const char* ToString(kt::GainDecision::Outcome outcome);
-// The decision word of a gain update: the record word, "median" for the restart at gain 0,
-// "-" through the C interface.
+// The decision word of a gain update: the record word of the diagnostic log (kt::ToString of
+// the outcome), "median" for the restart at gain 0, "-" through the C interface.
 const char* DecisionWord(const GainRecord& gain);
 
 }  // namespace ktcli

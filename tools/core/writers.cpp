@@ -25,7 +25,7 @@ std::string PlainWriter::Take(const Record& record) {
     if (!_volume) return "";
     const std::string level = volume->levels ? Fixed(volume->levels->volumedBFS, 1) : "-";
     return "volume " + Fixed(volume->timeMs / 1000.0, 3) + " " + level + " " + Fixed(volume->snrVolumePct, 1) + " " +
-           ktcli::ToString(volume->info) + "\n";
+           kt::ToString(volume->info) + "\n";
   }
   if (const auto* frame = record.Get<FrameRecord>()) {
     if (!_frames) return "";

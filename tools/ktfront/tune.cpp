@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -24,15 +25,15 @@
 namespace ktcli {
 namespace {
 
-// The analyzer's defaults, where a search starts.
+// The analyzer's default, where a search starts; NaN for a key without a numeric one.
 double DefaultOf(const std::string& key) {
-  static const std::map<std::string, double> kDefaults = {
-      {"EOSTimeoutMs", 420},          {"SpeechWindowSizeMs", 200},    {"SpeechWindowFraction", 0.3},
-      {"CutoffFraction", 0.08},       {"InterpolationParam", 0.3},    {"ThresholdOffsetSpeech", 6},
-      {"ThresholdOffsetPause", 16},   {"ThresholdLowerLimit", 30},    {"ThresholdUpperLimit", 70},
-      {"HistogramWindowSizeMs", 2000}, {"HistogramMinWindowSizeMs", 800}};
+  static const std::map<std::string, std::string> kDefaults = kt::AudioAnalyzer::GetParameterDefaults();
   const auto found = kDefaults.find(key);
-  return found == kDefaults.end() ? std::numeric_limits<double>::quiet_NaN() : found->second;
+  if (found == kDefaults.end()) return std::numeric_limits<double>::quiet_NaN();
+  const char* text = found->second.c_str();
+  char* end = nullptr;
+  const double value = std::strtod(text, &end);
+  return end != text && *end == '\0' ? value : std::numeric_limits<double>::quiet_NaN();
 }
 
 using Point = std::vector<long>;  // grid index of each key
