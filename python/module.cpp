@@ -17,7 +17,9 @@
 
 #include "agc.h"
 #include "audioanalyzer.h"
-#include "source.h"
+#include "blocks.h"
+#include "params.h"
+#include "records.h"
 #include "vadrun.h"
 
 namespace py = pybind11;
@@ -87,16 +89,6 @@ class Serial {
   std::atomic<std::thread::id> _owner{};
 };
 
-const char* TagName(kt::AnalyzerEvent::EventTag tag) {
-  static const char* const kNames[] = {"SpeechStart", "SpeechEnd", "BelowVOR", "AboveVOR"};
-  return kNames[tag];
-}
-
-const char* InfoName(kt::AnalyzerVolumeMeter::Info info) {
-  static const char* const kNames[] = {"OK", "TooNoisy", "TooSoft", "TooLoud"};
-  return kNames[info];
-}
-
 // A level the histogram has not learnt yet is NaN in the library, None here.
 py::object Level(double db) { return std::isnan(db) ? py::none() : py::object(py::float_(db)); }
 
@@ -131,7 +123,7 @@ class Analyzer {
   Analyzer(double rate, const std::string& params, bool frameData, py::object onFrame)
       : _analyzer(params, rate, frameData), _frameData(frameData), _onFrame(std::move(onFrame)) {
     _analyzer.SetFrameObserver([this](const kt::FrameDecision& decision) {
-      _decisions.push_back(decision);
+      _decisions.Add(decision);
       if (_onFrame.is_none()) return;
       py::gil_scoped_acquire gil;
       _onFrame(decision);
@@ -152,7 +144,7 @@ class Analyzer {
   void Reset() {
     Run([&] {
       _analyzer.Reset();
-      _decisions.clear();
+      _decisions.Clear();
     });
   }
   void UpdateParameters(const std::string& params) { Run([&] { _analyzer.UpdateParameters(params); }); }
@@ -178,22 +170,15 @@ class Analyzer {
   // The results taken from the queue, in its order, as Python objects. Needs the GIL.
   py::list Results() {
     std::vector<kt::AnalyzerResultPtr> taken;
-    std::deque<kt::FrameDecision> decisions;
+    std::deque<std::optional<kt::FrameDecision>> decisions;  // of the frames taken, in order
     {
       py::gil_scoped_release release;
       Serial::Entry entry(_serial);
       taken.swap(_pending);
-      // Frames are decided before their results leave the queue; keep the decisions of
-      // frames still held back for a later call.
-      int lastFrame = -1;
       for (const auto& r : taken) {
         if (r->GetType() == kt::AnalyzerResult::RT_AudioFrame) {
-          lastFrame = static_cast<const kt::AnalyzerAudioFrame&>(*r).GetFrameIndex();
+          decisions.push_back(_decisions.Take(static_cast<const kt::AnalyzerAudioFrame&>(*r).GetFrameIndex()));
         }
-      }
-      while (!_decisions.empty() && _decisions.front().frameIndex <= lastFrame) {
-        decisions.push_back(_decisions.front());
-        _decisions.pop_front();
       }
     }
     py::list out;
@@ -202,13 +187,13 @@ class Analyzer {
       switch (r->GetType()) {
         case kt::AnalyzerResult::RT_Event: {
           const auto& e = static_cast<const kt::AnalyzerEvent&>(*r);
-          out.append(Event{TagName(e.GetTag()), e.GetTimeMs()});
+          out.append(Event{kt::ToString(e.GetTag()), e.GetTimeMs()});
           break;
         }
         case kt::AnalyzerResult::RT_VolumeMeter: {
           const auto& v = static_cast<const kt::AnalyzerVolumeMeter&>(*r);
           out.append(Volume{v.GetTimeMs(), v.GetVolumedBFS(), v.GetVolume(), v.GetSNRVolumePct(),
-                            InfoName(v.GetInfo()), v.IsSpeechState()});
+                            kt::ToString(v.GetInfo()), v.IsSpeechState()});
           break;
         }
         case kt::AnalyzerResult::RT_AudioFrame: {
@@ -218,11 +203,8 @@ class Analyzer {
             const kt::AudioData& data = f.GetData();
             frame.samples = py::array_t<int16_t>(static_cast<py::ssize_t>(data.size()), data.data());
           }
-          while (!decisions.empty() && decisions.front().frameIndex < frame.frameIndex) decisions.pop_front();
-          if (!decisions.empty() && decisions.front().frameIndex == frame.frameIndex) {
-            frame.decision = decisions.front();
-            decisions.pop_front();
-          }
+          frame.decision = decisions.front();
+          decisions.pop_front();
           out.append(std::move(frame));
           break;
         }
@@ -235,11 +217,9 @@ class Analyzer {
   bool _frameData = false;
   py::object _onFrame;
   Serial _serial;
-  std::deque<kt::FrameDecision> _decisions;      // decided frames whose results are not out yet
+  ktcli::DecisionJoin _decisions;               // decided frames whose results are not out yet
   std::vector<kt::AnalyzerResultPtr> _pending;  // taken from the queue, not yet handed out
 };
-
-const char* const kOutcomes[] = {"toolow", "toohigh", "speech", "pause", "nil"};
 
 class GainControl {
  public:
@@ -294,9 +274,9 @@ py::tuple Load(const py::object& path, int rawRate) {
   {
     py::gil_scoped_release release;
     try {
-      ktcli::AudioSource source(file, rawRate);
-      rate = source.GetRateHz();
-      while (source.Read()) samples->insert(samples->end(), source.GetSamples().begin(), source.GetSamples().end());
+      ktcli::Audio audio = ktcli::ReadAudio(file, rawRate);
+      rate = audio.rateHz;
+      *samples = std::move(audio.samples);
     } catch (const std::runtime_error& e) {
       error = e.what();
     }
@@ -312,13 +292,29 @@ py::tuple Load(const py::object& path, int rawRate) {
   return py::make_tuple(array, rate);
 }
 
+// The tool's check of the parameter string: its refusal as ValueError, a warning per unknown key.
+void CheckParams(const std::string& params, int rate) {
+  for (const std::string& warning : ktcli::CheckAnalyzerParams(params, rate)) {
+    if (PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1) != 0) throw py::error_already_set();
+  }
+}
+
 std::vector<std::pair<double, double>> Segments(const py::object& block, int rate, const std::string& params,
                                                 int blockMs) {
   const Block samples(block);
-  const long blockSamples = static_cast<long>(blockMs) * rate / 1000;
-  if (blockSamples < 1) throw py::value_error("block_ms " + std::to_string(blockMs) + " is below one sample");
+  const int blockSamples = ktcli::BlockSamples(blockMs, rate, "block_ms");
+  CheckParams(params, rate);
   py::gil_scoped_release release;
-  return ktcli::SpeechSegments(samples.data(), samples.size(), rate, params, static_cast<int>(blockSamples));
+  return ktcli::SpeechSegments(samples.data(), samples.size(), rate, params, blockSamples);
+}
+
+std::vector<ktcli::SegmentVolume> SegmentsWithVolume(const py::object& block, int rate, const std::string& params,
+                                                     int blockMs) {
+  const Block samples(block);
+  const int blockSamples = ktcli::BlockSamples(blockMs, rate, "block_ms");
+  CheckParams(params, rate);
+  py::gil_scoped_release release;
+  return ktcli::SpeechSegmentsWithVolume(samples.data(), samples.size(), rate, params, blockSamples);
 }
 
 template <typename T>
@@ -425,13 +421,13 @@ PYBIND11_MODULE(_ktfront, m) {
       .def_readonly("upper_level", &kt::GainDecision::upperLevel)
       .def_readonly("clipping_fraction", &kt::GainDecision::clippingFraction)
       .def_readonly("num_levels", &kt::GainDecision::numLevels)
-      .def_property_readonly("outcome", [](const kt::GainDecision& d) { return kOutcomes[d.outcome]; },
+      .def_property_readonly("outcome", [](const kt::GainDecision& d) { return kt::ToString(d.outcome); },
                              "\"toolow\", \"toohigh\", \"speech\", \"pause\" or \"nil\"")
       .def_readonly("outcome_time_ms", &kt::GainDecision::outcomeTimeMs)
       .def_readonly("stepped", &kt::GainDecision::stepped)
       .def_readonly("new_gain", &kt::GainDecision::newGain)
       .def("__repr__", [](const kt::GainDecision& d) {
-        return Repr("GainDecision", std::string("outcome='") + kOutcomes[d.outcome] + "', new_gain=" + Num(d.newGain));
+        return Repr("GainDecision", std::string("outcome='") + kt::ToString(d.outcome) + "', new_gain=" + Num(d.newGain));
       });
 
   py::class_<GainControl>(m, "GainControl",
@@ -458,4 +454,14 @@ PYBIND11_MODULE(_ktfront, m) {
   m.def("segments", &Segments, py::arg("samples"), py::arg("rate"), py::arg("params") = "", py::arg("block_ms") = 20,
         "The speech segments [(start_s, end_s), ...] that `ktfront vad` prints for these samples, handed "
         "to the analyzer in blocks of block_ms.");
+  m.def("segments_with_volume", [](const py::object& samples, int rate, const std::string& params, int blockMs) {
+          py::list rows;
+          for (const ktcli::SegmentVolume& s : SegmentsWithVolume(samples, rate, params, blockMs)) {
+            rows.append(py::make_tuple(s.startS, s.endS, s.peakdBFS, s.meanSnrVolumePct));
+          }
+          return rows;
+        },
+        py::arg("samples"), py::arg("rate"), py::arg("params") = "", py::arg("block_ms") = 20,
+        "The segments of segments() from the same one run, each with the volume readings dated inside "
+        "it: [(start_s, end_s, peak_dbfs, mean_snr_volume_pct), ...], the last two None without readings.");
 }

@@ -5,7 +5,7 @@ samples; load and segments read files and find speech exactly as the ktfront too
 ktfront.corpus segments many files on a Dask cluster.
 """
 from ._ktfront import (Analyzer, Event, Frame, FrameDecision, GainControl, GainDecision,
-                       Volume, load, segments)
+                       Volume, load, segments, segments_with_volume)
 
 __all__ = ["Analyzer", "Event", "Frame", "FrameDecision", "GainControl", "GainDecision",
-           "Volume", "load", "segments"]
+           "Volume", "load", "segments", "segments_with_volume"]

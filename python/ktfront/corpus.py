@@ -24,20 +24,9 @@ import csv
 import json
 import sys
 
-from ._ktfront import Analyzer, load, segments
+from ._ktfront import load, segments, segments_with_volume
 
 COLUMNS = ["file", "start", "end", "peak_dbfs", "mean_snr_volume_pct", "error"]
-
-
-def _volume_readings(samples, rate, params, block_ms):
-    """(time_ms, volume_dbfs, snr_volume_pct) of every volume reading, blocks cut as the tool does."""
-    analyzer = Analyzer(rate, params)
-    step = block_ms * rate // 1000
-    results = []
-    for at in range(0, len(samples), step):
-        results += analyzer.process(samples[at:at + step])
-    results += analyzer.flush()
-    return [(r.time_ms, r.volume_dbfs, r.snr_volume_pct) for r in results if r.type == "volume"]
 
 
 def segment_file(path, params="", block_ms=20, volume=False):
@@ -45,13 +34,11 @@ def segment_file(path, params="", block_ms=20, volume=False):
     path = str(path)
     try:
         samples, rate = load(path)
-        rows = [{"file": path, "start": s, "end": e} for s, e in segments(samples, rate, params, block_ms)]
         if volume:
-            readings = _volume_readings(samples, rate, params, block_ms)
-            for row in rows:
-                inside = [r for r in readings if row["start"] * 1000 < r[0] <= row["end"] * 1000]
-                row["peak_dbfs"] = max((r[1] for r in inside), default=None)
-                row["mean_snr_volume_pct"] = sum(r[2] for r in inside) / len(inside) if inside else None
+            rows = [{"file": path, "start": s, "end": e, "peak_dbfs": peak, "mean_snr_volume_pct": mean}
+                    for s, e, peak, mean in segments_with_volume(samples, rate, params, block_ms)]
+        else:
+            rows = [{"file": path, "start": s, "end": e} for s, e in segments(samples, rate, params, block_ms)]
         return rows or [{"file": path, "start": None, "end": None}]
     except Exception as e:  # the table reports it; the corpus goes on
         return [{"file": path, "start": None, "end": None, "error": f"{type(e).__name__}: {e}"}]

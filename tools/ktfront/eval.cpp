@@ -1,16 +1,20 @@
 #include "eval.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "audioanalyzer.h"
-#include "commands.h"
+#include "blocks.h"
+#include "subcommand.h"
 #include "jobs.h"
 #include "output.h"
-#include "source.h"
+#include "params.h"
 #include "textformat.h"
 #include "vadrun.h"
 
@@ -113,19 +117,16 @@ Score Evaluate(const std::vector<Region>& referenceIn, const std::vector<Region>
 }
 
 Recording Decode(const std::string& path, int rawRateHz) {
-  AudioSource source(path, rawRateHz);
+  Audio audio = ReadAudio(path, rawRateHz);
   Recording recording;
   recording.name = path;
-  recording.rateHz = source.GetRateHz();
-  while (source.Read()) {
-    const kt::AudioData& samples = source.GetSamples();
-    recording.samples.insert(recording.samples.end(), samples.begin(), samples.end());
-  }
+  recording.rateHz = audio.rateHz;
+  recording.samples = std::move(audio.samples);
   return recording;
 }
 
 std::vector<Region> Detect(const Recording& recording, const std::string& params, int blockMs) {
-  const int blockSamples = std::max(1, static_cast<int>(static_cast<long>(blockMs) * recording.rateHz / 1000));
+  const int blockSamples = BlockSamples(blockMs, recording.rateHz, "--block-ms");
   std::vector<Region> regions;
   for (const auto& [startS, endS] :
        SpeechSegments(recording.samples.data(), recording.samples.size(), recording.rateHz, params, blockSamples)) {
@@ -182,14 +183,6 @@ std::string FormatScores(const std::vector<std::string>& names, const std::vecto
   return text + row("total", total);
 }
 
-void CheckParams(const std::string& params) {
-  try {
-    kt::AudioAnalyzer(params, 16000, false);
-  } catch (const std::invalid_argument& e) {
-    throw std::runtime_error("invalid parameter string \"" + params + "\": " + e.what());
-  }
-}
-
 std::string FormatScoresJson(const std::vector<std::string>& names, const std::vector<Score>& scores,
                              const std::vector<std::pair<std::string, std::string>>& tags) {
   std::string text;
@@ -202,10 +195,17 @@ std::string FormatScoresJson(const std::vector<std::string>& names, const std::v
 }
 
 int RunEval(const EvalOptions& options) {
-  CheckParams(options.params);
   const std::vector<std::string> files = ExpandManifests(options.files);
   std::vector<std::string> errors;
   const std::vector<Recording> recordings = LoadLabelled(files, options.labels, options.rawRateHz, options.jobs, errors, options.labelsId);
+  // Checked at each rate the analyzer will run at, as vad checks it; warned about once.
+  std::set<int> rates;
+  for (size_t i = 0; i < files.size(); ++i) {
+    if (errors[i].empty()) rates.insert(recordings[i].rateHz);
+  }
+  std::vector<std::string> warnings;
+  for (const int rateHz : rates) warnings = CheckAnalyzerParams(options.params, rateHz);
+  Warn(warnings);
   std::vector<Score> scores(files.size());
   const std::vector<std::string> detectErrors = ParallelFor(files.size(), options.jobs, [&](size_t i) {
     if (errors[i].empty()) scores[i] = Evaluate(recordings[i].reference, Detect(recordings[i], options.params, options.blockMs), options.collarS);
@@ -231,6 +231,29 @@ int RunEval(const EvalOptions& options) {
     WriteOut(FormatScores(names, good));
   }
   return failed ? 1 : 0;
+}
+
+std::string FormatBestJson(const std::string& params, size_t tried, uint64_t seed) {
+  return nlohmann::ordered_json{{"type", "best"}, {"params", params}, {"tried", tried}, {"seed", seed}}.dump() + "\n";
+}
+
+Runner DeclareEval(CLI::App& app) {
+  auto options = std::make_shared<EvalOptions>();
+  CLI::App* command = app.add_subcommand("eval", "Score the detected speech against reference labels");
+  command->add_option("FILE", options->files, "Recordings, or @list.txt")->required();
+  command->add_option("--labels", options->labels, "Reference labels: one file for all or one per recording "
+                      "(default: STEM.labels, .txt, .rttm, .TextGrid or .json beside each recording)")
+      ->allow_extra_args(false);
+  command->add_option("--labels-id", options->labelsId,
+                      "The RTTM recording ID to score against (default: each recording's stem)");
+  AddParamsOption(command, options->params, "Analyzer");
+  command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
+      ->check(CLI::NonNegativeNumber);
+  command->add_flag("--json", options->json, "One JSON object per file and one for the total");
+  AddJobsOption(command, options->jobs, "Files to work on at once (default: one per core)");
+  AddBlockOption(command, options->blockMs);
+  AddRateOption(command, options->rawRateHz);
+  return [options] { return RunEval(*options); };
 }
 
 }  // namespace ktcli

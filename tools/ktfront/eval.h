@@ -1,6 +1,7 @@
 #pragma once
 // Scoring detected speech against reference labels, and the recordings held in memory
 // that eval and tune run the analyzer over.
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,6 +58,9 @@ std::string FormatScores(const std::vector<std::string>& names, const std::vecto
 std::string FormatScoresJson(const std::vector<std::string>& names, const std::vector<Score>& scores,
                              const std::vector<std::pair<std::string, std::string>>& tags = {});
 
+// tune's first JSON line: the best string, how many were tried, the seed.
+std::string FormatBestJson(const std::string& params, size_t tried, uint64_t seed);
+
 struct EvalOptions {
   std::vector<std::string> files;
   std::vector<std::string> labels;
@@ -68,9 +72,6 @@ struct EvalOptions {
   int blockMs = 20;
   int rawRateHz = 0;
 };
-
-// Refuses a parameter string the analyzer refuses, with its reason.
-void CheckParams(const std::string& params);
 
 int RunEval(const EvalOptions& options);
 

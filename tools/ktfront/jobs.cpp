@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "commands.h"
+#include "subcommand.h"
 #include "output.h"
 
 namespace ktcli {

@@ -1,430 +1,142 @@
-#include "plot.h"
-
-#include <cairo-svg.h>
-
+// ktfront plot: a picture of one run (chart.h) as SVG or PNG.
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
-#include <stdexcept>
+#include <deque>
+#include <memory>
 
-#include "audioanalyzer.h"
+#include "agcrun.h"
+#include "blocks.h"
+#include "chart.h"
+#include "subcommand.h"
+#include "labels.h"
+#include "output.h"
 #include "outputfile.h"
+#include "params.h"
+#include "source.h"
 #include "textformat.h"
+#include "vadrun.h"
 
 namespace ktcli {
 namespace {
 
-constexpr double kWidth = 1400.0;
-constexpr double kLeft = 80.0;
-constexpr double kRight = 240.0;
-constexpr double kTitleHeight = 60.0;
-constexpr double kGap = 28.0;
-constexpr double kBottom = 56.0;
-constexpr double kWaveHeight = 150.0;
-constexpr double kEnergyHeight = 300.0;
-constexpr double kVolumeHeight = 150.0;
-constexpr double kGainHeight = 150.0;
-// The volume axis reaches below 0 % to make room for the band of verdicts.
-constexpr double kVerdictLowPct = -16.0;
-constexpr double kVerdictHighPct = -4.0;
-// 20 log10(32768): the energy of a full-scale signal, the zero of dBFS.
-constexpr double kFullScaleDb = 90.30899869919436;
+struct PlotOptions {
+  InputOptions input;
+  std::string params;
+  std::vector<std::string> outputs;
+  std::string labelsPath;
+  std::string labelsId;
+  bool agc = false;
+  std::string agcParams;
+  float startGain = 0.5f;
+  double fromS = 0.0;
+  double toS = 0.0;
+};
 
-// A small palette; each colour keeps one meaning within a panel.
-constexpr Rgb kRed{0.85, 0.12, 0.12};
-constexpr Rgb kOrange{0.95, 0.55, 0.05};
-constexpr Rgb kBlue{0.10, 0.35, 0.85};
-constexpr Rgb kPurple{0.58, 0.20, 0.70};
-constexpr Rgb kTeal{0.05, 0.45, 0.35};
-constexpr Rgb kDark{0.15, 0.15, 0.15};
-constexpr Rgb kSpeechShade{0.84, 0.93, 0.82};
-constexpr Rgb kLabelBar{0.20, 0.50, 0.22};
-constexpr Rgb kWave{0.27, 0.45, 0.70};
-constexpr Rgb kEnergy{0.25, 0.25, 0.25};
-constexpr Rgb kGrid{0.88, 0.88, 0.88};
-
-const char* InfoName(int info) {
-  static const char* const kNames[] = {"OK", "TooNoisy", "TooSoft", "TooLoud"};
-  return info >= 0 && info < 4 ? kNames[info] : "?";
-}
-
-Rgb VerdictColour(const std::string& info) {
-  if (info == "TooNoisy") return kOrange;
-  if (info == "TooSoft") return kBlue;
-  if (info == "TooLoud") return kRed;
-  return {0.72, 0.72, 0.72};
-}
-
-Rgb DecisionColour(const std::string& decision) {
-  if (decision == "toolow") return kBlue;
-  if (decision == "toohigh") return kRed;
-  if (decision == "speech") return kTeal;
-  if (decision == "pause") return {0.55, 0.55, 0.55};
-  return kPurple;  // a single step up during speech
-}
-
-void SetColour(cairo_t* cr, const Rgb& c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
-
-// 1, 2 or 5 times a power of ten, so that about `count` steps span `range`.
-double NiceStep(double range, double count) {
-  const double raw = range / count;
-  const double power = std::pow(10.0, std::floor(std::log10(raw)));
-  for (const double m : {1.0, 2.0, 5.0}) {
-    if (m * power >= raw) return m * power;
+int RunPlot(const PlotOptions& options) {
+  if (options.agc) Warn(CheckAgcParams(options.agcParams));
+  if (options.toS != 0.0 && options.toS <= options.fromS) {
+    throw UsageError("--to " + Fixed(options.toS, 3) + " is not after --from " + Fixed(options.fromS, 3));
   }
-  return 10.0 * power;
-}
+  for (const std::string& path : options.outputs) {
+    if (!Plot::IsSupportedFormat(path)) throw UsageError("cannot draw " + path + ": the picture must be .svg or .png");
+  }
+  std::vector<Region> labels;
+  if (!options.labelsPath.empty()) {
+    labels = ReadLabels(options.labelsPath, options.labelsId.empty() ? StemOf(options.input.path) : options.labelsId);
+  }
+  std::vector<PendingFile> files;
+  for (const std::string& path : options.outputs) files.emplace_back(path);
+  AudioSource source(options.input.path, options.input.rawRateHz);
+  const int rateHz = source.GetRateHz();
+  Warn(CheckAnalyzerParams(options.params, rateHz));
+  const int blockSamples = BlockSamples(options.input.blockMs, rateHz, "--block-ms");
 
-void Text(cairo_t* cr, double x, double y, const std::string& text, double alignX, double size = 12.0) {
-  cairo_set_font_size(cr, size);
-  cairo_text_extents_t extents;
-  cairo_text_extents(cr, text.c_str(), &extents);
-  cairo_move_to(cr, x - alignX * extents.x_advance, y);
-  cairo_show_text(cr, text.c_str());
+  PlotData data;
+  data.name = source.GetName();
+  data.rateHz = rateHz;
+  const int samplesPerFrame = rateHz / 50;
+  data.frameMs = 1000.0 * samplesPerFrame / rateHz;
+  data.agc = options.agc;
+  data.startGain = options.startGain;
+  // Each frame's extremes wait here until the analyzer has decided the frame.
+  std::deque<std::pair<int16_t, int16_t>> extremes;
+  int16_t low = 0;
+  int16_t high = 0;
+  int inFrame = 0;
+  auto onRecord = [&](const Record& record) {
+    if (const auto* volume = record.Get<VolumeRecord>()) {
+      data.volumes.push_back({static_cast<float>(volume->timeMs / 1000.0), static_cast<float>(volume->snrVolumePct),
+                              volume->info});
+    } else if (const auto* segment = record.Get<SegmentRecord>()) {
+      data.segments.push_back(*segment);
+    }
+  };
+  auto onFrame = [&](const kt::FrameDecision& d) {
+    PlotData::Frame frame{static_cast<float>(d.energy), static_cast<float>(d.speechStartThreshold),
+                          static_cast<float>(d.speechEndThreshold), static_cast<float>(d.noiseLevel),
+                          static_cast<float>(d.speechLevel)};
+    if (!extremes.empty()) {
+      frame.low = extremes.front().first;
+      frame.high = extremes.front().second;
+      extremes.pop_front();
+    }
+    data.frames.push_back(frame);
+  };
+  VadRun vad(source.GetName(), rateHz, options.params, blockSamples, VadRun::Wanted{true, false}, onRecord, onFrame);
+  std::unique_ptr<AgcRun> agc;
+  if (options.agc) {
+    agc = std::make_unique<AgcRun>(source.GetName(), rateHz, options.agcParams, options.startGain, nullptr,
+                                   [&](const Record& record) { data.gains.push_back(*record.Get<GainRecord>()); });
+  }
+  const bool interrupted = PumpInput(source, blockSamples, [&](const kt::AudioData& block) {
+    for (const int16_t s : block) {
+      low = std::min(low, s);
+      high = std::max(high, s);
+      if (++inFrame == samplesPerFrame) {
+        extremes.emplace_back(low, high);
+        low = high = 0;
+        inFrame = 0;
+      }
+    }
+    vad.Process(block);
+    if (agc) agc->Process(block);
+  });
+  vad.Finish(interrupted);
+  data.durationS = static_cast<double>(source.GetSamplesRead()) / rateHz;
+  const Plot plot(data, labels, options.params, options.fromS, options.toS);
+  for (const PendingFile& file : files) plot.Render(file);
+  for (PendingFile& file : files) file.Commit();
+  ReportRate(source, interrupted);
+  std::string out;
+  for (const std::string& path : options.outputs) out += path + "\n";
+  WriteOut(out);
+  return 0;
 }
 
 }  // namespace
 
-double Plot::Panel::Y(double value) const {
-  const double clamped = std::clamp(value, _low, _high);
-  return GetBottom() - (clamped - _low) / (_high - _low) * _height;
-}
-
-void Plot::LegendEntry::Draw(cairo_t* cr, double x, double y) const {
-  SetColour(cr, _colour);
-  if (_style == Box) {
-    cairo_rectangle(cr, x, y - 9, 22, 10);
-    cairo_fill(cr);
-  } else {
-    if (_style == Dashed) {
-      const double dashes[] = {6.0, 3.0};
-      cairo_set_dash(cr, dashes, 2, 0);
-    }
-    cairo_set_line_width(cr, 2.0);
-    cairo_move_to(cr, x, y - 4);
-    cairo_line_to(cr, x + 22, y - 4);
-    cairo_stroke(cr);
-    cairo_set_dash(cr, nullptr, 0, 0);
-  }
-  SetColour(cr, kDark);
-  Text(cr, x + 30, y, _text, 0.0);
-}
-
-Plot::Plot(const PlotData& data, std::vector<Segment> labels, std::string params, double fromS, double toS)
-    : _data(data),
-      _labels(std::move(labels)),
-      _params(std::move(params)),
-      _fromS(toS > fromS ? fromS : 0.0),
-      _toS(toS > fromS ? toS : std::max(data.durationS, 1e-3)) {}
-
-bool Plot::IsSupportedFormat(const std::string& path) {
-  auto endsWith = [&path](const std::string& suffix) {
-    return path.size() > suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
+Runner DeclarePlot(CLI::App& app) {
+  auto options = std::make_shared<PlotOptions>();
+  CLI::App* command =
+      app.add_subcommand("plot", "Draw signal, energies, thresholds, segments and volume (SVG or PNG)");
+  AddInputOptions(command, options->input);
+  AddParamsOption(command, options->params, "Analyzer");
+  command->add_option("-o,--output", options->outputs, "Picture to write, .svg or .png; may be repeated")->required();
+  command->add_option("--labels", options->labelsPath,
+                      "Reference regions to draw: plain, Audacity, RTTM, TextGrid or JSON");
+  command->add_option("--labels-id", options->labelsId, "The RTTM recording ID to draw (default: the recording's stem)");
+  command->add_flag("--agc", options->agc, "Add the gain trajectory of a closed-loop gain control run");
+  command->add_option("--agc-params", options->agcParams, "Gain-control parameter string for --agc");
+  command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(CLI::NonNegativeNumber);
+  command->add_option("--to", options->toS, "Show the recording up to this time (s); default its end")
+      ->check(CLI::PositiveNumber);
+  command->add_option("--start-gain", options->startGain, "Start gain for --agc")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1.0));
+  return [options] {
+    InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
+    return RunPlot(*options);
   };
-  return endsWith(".svg") || endsWith(".png");
-}
-
-double Plot::X(double timeS) const {
-  return kLeft + (timeS - _fromS) / (_toS - _fromS) * (kWidth - kLeft - kRight);
-}
-
-double Plot::GetHeight() const {
-  return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
-         (_data.agc ? kGap + kGainHeight : 0.0) + kBottom;
-}
-
-void Plot::Render(const PendingFile& file) const {
-  const std::string& path = file.GetPath();
-  const bool svg = path.compare(path.size() - 4, 4, ".svg") == 0;
-  cairo_surface_t* surface =
-      svg ? cairo_svg_surface_create(file.GetTemporaryPath().c_str(), kWidth, GetHeight())
-          : cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(kWidth),
-                                       static_cast<int>(GetHeight()));
-  cairo_t* cr = cairo_create(surface);
-  Draw(cr);
-  cairo_destroy(cr);
-  cairo_status_t status = svg ? CAIRO_STATUS_SUCCESS
-                              : cairo_surface_write_to_png(surface, file.GetTemporaryPath().c_str());
-  cairo_surface_finish(surface);
-  if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_status(surface);
-  cairo_surface_destroy(surface);
-  if (status != CAIRO_STATUS_SUCCESS) {
-    throw std::runtime_error("cannot write " + path + ": " + cairo_status_to_string(status));
-  }
-}
-
-void Plot::Draw(cairo_t* cr) const {
-  cairo_set_source_rgb(cr, 1, 1, 1);
-  cairo_paint(cr);
-  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
-  DrawTitle(cr);
-
-  // Energies, thresholds and levels share one dB axis, cut to what the recording uses.
-  double lowDb = kFullScaleDb;
-  for (const PlotData::Frame& frame : _data.frames) lowDb = std::min(lowDb, static_cast<double>(frame.energy));
-  lowDb = std::max(0.0, std::floor((lowDb - 5.0) / 10.0) * 10.0);
-
-  double top = kTitleHeight;
-  std::vector<Panel> panels;
-  panels.emplace_back(top, kWaveHeight, -1.0, 1.0);
-  top += kWaveHeight + kGap;
-  panels.emplace_back(top, kEnergyHeight, lowDb, 100.0);
-  top += kEnergyHeight + kGap;
-  // A little headroom, so that lines at 100 % and gain 1 are not cut by the clip.
-  panels.emplace_back(top, kVolumeHeight, kVerdictLowPct, 104.0);
-  top += kVolumeHeight + kGap;
-  if (_data.agc) panels.emplace_back(top, kGainHeight, 0.0, 1.04);
-
-  DrawFrame(cr, panels[0], "amplitude", 0.5);
-  DrawFrame(cr, panels[1], "energy (dB)", 10.0);
-  DrawFrame(cr, panels[2], "SNR volume (%)", 25.0);
-  if (_data.agc) DrawFrame(cr, panels[3], "gain", 0.25);
-  DrawTimeAxis(cr, panels);
-  DrawPanel(cr, panels[0], &Plot::DrawWaveform);
-  DrawPanel(cr, panels[1], &Plot::DrawEnergy);
-  DrawPanel(cr, panels[2], &Plot::DrawVolume);
-  if (_data.agc) DrawPanel(cr, panels[3], &Plot::DrawGain);
-}
-
-void Plot::DrawPanel(cairo_t* cr, const Panel& panel,
-                     std::vector<LegendEntry> (Plot::*draw)(cairo_t*, const Panel&) const) const {
-  cairo_save(cr);
-  cairo_rectangle(cr, kLeft, panel.GetTop(), kWidth - kRight - kLeft, panel.GetBottom() - panel.GetTop());
-  cairo_clip(cr);
-  const std::vector<LegendEntry> legend = (this->*draw)(cr, panel);
-  cairo_restore(cr);
-  DrawLegend(cr, panel, legend);
-}
-
-void Plot::DrawTitle(cairo_t* cr) const {
-  const size_t count = _data.segments.size();
-  std::string title = _data.name + "   " + std::to_string(_data.rateHz) + " Hz, " +
-                      Fixed(_data.durationS, 2) + " s, " + std::to_string(count) +
-                      (count == 1 ? " speech segment" : " speech segments");
-  SetColour(cr, kDark);
-  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
-  Text(cr, kLeft, 26, title, 0.0, 16.0);
-  cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
-  std::string subtitle = "analyzer parameters: " + (_params.empty() ? std::string("defaults") : _params);
-  if (_data.agc) subtitle += "      gain control from gain " + Fixed(_data.startGain, 2);
-  if (_fromS > 0.0 || _toS < _data.durationS) {
-    subtitle += "      showing " + Fixed(_fromS, 2) + " to " + Fixed(_toS, 2) + " s";
-  }
-  Text(cr, kLeft, 46, subtitle, 0.0);
-}
-
-void Plot::DrawFrame(cairo_t* cr, const Panel& panel, const std::string& axisLabel,
-                     double tickStep) const {
-  const double right = kWidth - kRight;
-  cairo_save(cr);
-  cairo_rectangle(cr, kLeft, panel.GetTop(), right - kLeft, panel.GetBottom() - panel.GetTop());
-  cairo_clip(cr);
-  ShadeSegments(cr, panel);
-  cairo_restore(cr);
-  cairo_set_line_width(cr, 1.0);
-  for (double v = std::ceil(panel.GetLow() / tickStep) * tickStep; v <= panel.GetHigh() + 1e-9;
-       v += tickStep) {
-    SetColour(cr, kGrid);
-    cairo_move_to(cr, kLeft, std::round(panel.Y(v)) + 0.5);
-    cairo_line_to(cr, right, std::round(panel.Y(v)) + 0.5);
-    cairo_stroke(cr);
-    SetColour(cr, kDark);
-    Text(cr, kLeft - 6, panel.Y(v) + 4, Fixed(v + 0.0, tickStep < 1.0 ? 2 : 0), 1.0, 11.0);
-  }
-  cairo_save(cr);
-  cairo_translate(cr, 22, (panel.GetTop() + panel.GetBottom()) / 2);
-  cairo_rotate(cr, -M_PI / 2);
-  Text(cr, 0, 0, axisLabel, 0.5);
-  cairo_restore(cr);
-  SetColour(cr, {0.5, 0.5, 0.5});
-  cairo_rectangle(cr, kLeft + 0.5, panel.GetTop() + 0.5, right - kLeft, panel.GetBottom() - panel.GetTop());
-  cairo_stroke(cr);
-}
-
-void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
-  const double step = NiceStep(_toS - _fromS, 12.0);
-  const double bottom = panels.back().GetBottom();
-  cairo_set_line_width(cr, 1.0);
-  for (double t = std::ceil(_fromS / step) * step; t <= _toS + 1e-9; t += step) {
-    const double x = std::round(X(t)) + 0.5;
-    SetColour(cr, {0.80, 0.80, 0.80});
-    for (const Panel& panel : panels) {
-      cairo_move_to(cr, x, panel.GetTop());
-      cairo_line_to(cr, x, panel.GetBottom());
-    }
-    cairo_stroke(cr);
-    SetColour(cr, kDark);
-    Text(cr, x, bottom + 16, Fixed(t, step < 0.1 ? 2 : (step < 1.0 ? 1 : 0)), 0.5, 11.0);
-  }
-  Text(cr, (kLeft + kWidth - kRight) / 2, bottom + 38, "time (s)", 0.5);
-}
-
-void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
-  SetColour(cr, kSpeechShade);
-  for (const Segment& segment : _data.segments) {
-    cairo_rectangle(cr, X(segment.GetStartS()), panel.GetTop(), X(segment.GetEndS()) - X(segment.GetStartS()),
-                    panel.GetBottom() - panel.GetTop());
-  }
-  cairo_fill(cr);
-}
-
-void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendEntry>& entries) const {
-  double y = panel.GetTop() + 14;
-  for (const LegendEntry& entry : entries) {
-    entry.Draw(cr, kWidth - kRight + 16, y);
-    y += 19;
-  }
-}
-
-std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
-  // Per pixel column, the extremes of the frames it touches: the envelope.
-  const std::vector<PlotData::Frame>& frames = _data.frames;
-  const int columns = static_cast<int>(kWidth - kLeft - kRight);
-  const double frameS = _data.frameMs / 1000.0;
-  std::vector<double> highs, lows;
-  for (int c = 0; c < columns; ++c) {
-    const double fromS = _fromS + (_toS - _fromS) * c / columns;
-    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns;
-    const size_t first = std::min(frames.size(), static_cast<size_t>(fromS / frameS));
-    const size_t last = std::min(frames.size(), std::max(first + 1, static_cast<size_t>(std::ceil(toS / frameS))));
-    int16_t high = 0;
-    int16_t low = 0;
-    for (size_t i = first; i < last; ++i) {
-      high = std::max(high, frames[i].high);
-      low = std::min(low, frames[i].low);
-    }
-    highs.push_back(high / 32768.0);
-    lows.push_back(low / 32768.0);
-  }
-  SetColour(cr, kWave);
-  cairo_move_to(cr, kLeft, panel.Y(highs[0]));
-  for (int c = 0; c < columns; ++c) cairo_line_to(cr, kLeft + c + 0.5, panel.Y(highs[c]));
-  for (int c = columns - 1; c >= 0; --c) cairo_line_to(cr, kLeft + c + 0.5, panel.Y(lows[c]) + 0.5);
-  cairo_close_path(cr);
-  cairo_fill(cr);
-
-  std::vector<LegendEntry> legend{{"waveform", LegendEntry::Box, kWave},
-                                  {"detected speech", LegendEntry::Box, kSpeechShade}};
-  if (!_labels.empty()) {
-    SetColour(cr, kLabelBar);
-    for (const Segment& label : _labels) {
-      cairo_rectangle(cr, X(label.GetStartS()), panel.GetTop() + 3, X(label.GetEndS()) - X(label.GetStartS()), 6);
-    }
-    cairo_fill(cr);
-    legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
-  }
-  return legend;
-}
-
-void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const {
-  const double frameS = _data.frameMs / 1000.0;
-  bool drawing = false;
-  for (size_t i = 0; i < _data.frames.size(); ++i) {
-    const double v = _data.frames[i].*value;
-    if (std::isnan(v)) {
-      drawing = false;
-      continue;
-    }
-    const double y = panel.Y(v);
-    if (drawing) {
-      cairo_line_to(cr, X(i * frameS), y);
-    } else {
-      cairo_move_to(cr, X(i * frameS), y);
-      drawing = true;
-    }
-    cairo_line_to(cr, X((i + 1) * frameS), y);
-  }
-  cairo_stroke(cr);
-}
-
-std::vector<Plot::LegendEntry> Plot::DrawEnergy(cairo_t* cr, const Panel& panel) const {
-  cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
-  cairo_set_line_width(cr, 1.0);
-  SetColour(cr, kEnergy);
-  DrawFrameSeries(cr, panel, &PlotData::Frame::energy);
-  cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kBlue);
-  DrawFrameSeries(cr, panel, &PlotData::Frame::noiseLevel);
-  SetColour(cr, kPurple);
-  DrawFrameSeries(cr, panel, &PlotData::Frame::speechLevel);
-  const double dashes[] = {7.0, 4.0};
-  cairo_set_dash(cr, dashes, 2, 0);
-  SetColour(cr, kRed);
-  DrawFrameSeries(cr, panel, &PlotData::Frame::startThreshold);
-  SetColour(cr, kOrange);
-  DrawFrameSeries(cr, panel, &PlotData::Frame::endThreshold);
-  cairo_set_dash(cr, nullptr, 0, 0);
-
-  // Full scale, so that the energy scale reads against dBFS.
-  SetColour(cr, {0.5, 0.5, 0.5});
-  Text(cr, kLeft + 6, panel.Y(kFullScaleDb) - 4, "0 dBFS", 0.0, 10.0);
-  return {{"frame energy", LegendEntry::Line, kEnergy},
-              {"speech-start threshold", LegendEntry::Dashed, kRed},
-              {"speech-end threshold", LegendEntry::Dashed, kOrange},
-              {"speech level", LegendEntry::Line, kPurple},
-              {"noise level", LegendEntry::Line, kBlue}};
-}
-
-std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
-  // Each reading covers the time since the previous one: a band of verdicts along the
-  // bottom, merged where the verdict stays, and the per-cent curve above it.
-  const std::vector<PlotData::Volume>& readings = _data.volumes;
-  double bandStartS = 0.0;
-  for (size_t i = 0; i < readings.size(); ++i) {
-    const std::string info = InfoName(readings[i].info);
-    if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
-    SetColour(cr, VerdictColour(info));
-    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].timeS) - X(bandStartS),
-                    panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
-    cairo_fill(cr);
-    bandStartS = readings[i].timeS;
-  }
-  double previousS = 0.0;
-  cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kTeal);
-  for (const PlotData::Volume& reading : readings) {
-    // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
-    const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
-    if (previousS == 0.0) cairo_move_to(cr, X(0.0), y);
-    cairo_line_to(cr, X(previousS), y);
-    cairo_line_to(cr, X(reading.timeS), y);
-    previousS = reading.timeS;
-  }
-  cairo_stroke(cr);
-  return {{"SNR volume", LegendEntry::Line, kTeal},
-              {"verdict OK", LegendEntry::Box, VerdictColour("OK")},
-              {"too noisy", LegendEntry::Box, VerdictColour("TooNoisy")},
-              {"too soft", LegendEntry::Box, VerdictColour("TooSoft")},
-              {"too loud", LegendEntry::Box, VerdictColour("TooLoud")}};
-}
-
-std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
-  double gain = _data.startGain;
-  cairo_set_line_width(cr, 2.0);
-  SetColour(cr, kDark);
-  cairo_move_to(cr, X(0.0), panel.Y(gain));
-  for (const GainUpdate& update : _data.gains) {
-    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
-    gain = update.GetGain();
-    cairo_line_to(cr, X(update.GetTimeS()), panel.Y(gain));
-  }
-  cairo_line_to(cr, X(_toS), panel.Y(gain));
-  cairo_stroke(cr);
-  // Mark the updates that did more than wait.
-  gain = _data.startGain;
-  for (const GainUpdate& update : _data.gains) {
-    const bool stepped = update.GetGain() != gain;
-    gain = update.GetGain();
-    if (update.GetDecision() == "nil" && !stepped) continue;
-    SetColour(cr, DecisionColour(update.GetDecision()));
-    cairo_arc(cr, X(update.GetTimeS()), panel.Y(update.GetGain()), 4.0, 0, 2 * M_PI);
-    cairo_fill(cr);
-  }
-  return {{"gain (closed loop)", LegendEntry::Line, kDark},
-              {"too low: jump up", LegendEntry::Box, DecisionColour("toolow")},
-              {"too high: jump down", LegendEntry::Box, DecisionColour("toohigh")},
-              {"speech onset", LegendEntry::Box, DecisionColour("speech")},
-              {"pause", LegendEntry::Box, DecisionColour("pause")},
-              {"step up in speech", LegendEntry::Box, DecisionColour("nil")}};
 }
 
 }  // namespace ktcli

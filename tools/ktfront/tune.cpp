@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <limits>
@@ -13,10 +15,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include <nlohmann/json.hpp>
-
 #include "audioanalyzer.h"
-#include "commands.h"
+#include "subcommand.h"
 #include "eval.h"
 #include "jobs.h"
 #include "output.h"
@@ -25,15 +25,15 @@
 namespace ktcli {
 namespace {
 
-// The analyzer's defaults, where a search starts.
+// The analyzer's default, where a search starts; NaN for a key without a numeric one.
 double DefaultOf(const std::string& key) {
-  static const std::map<std::string, double> kDefaults = {
-      {"EOSTimeoutMs", 420},          {"SpeechWindowSizeMs", 200},    {"SpeechWindowFraction", 0.3},
-      {"CutoffFraction", 0.08},       {"InterpolationParam", 0.3},    {"ThresholdOffsetSpeech", 6},
-      {"ThresholdOffsetPause", 16},   {"ThresholdLowerLimit", 30},    {"ThresholdUpperLimit", 70},
-      {"HistogramWindowSizeMs", 2000}, {"HistogramMinWindowSizeMs", 800}};
+  static const std::map<std::string, std::string> kDefaults = kt::AudioAnalyzer::GetParameterDefaults();
   const auto found = kDefaults.find(key);
-  return found == kDefaults.end() ? std::numeric_limits<double>::quiet_NaN() : found->second;
+  if (found == kDefaults.end()) return std::numeric_limits<double>::quiet_NaN();
+  const char* text = found->second.c_str();
+  char* end = nullptr;
+  const double value = std::strtod(text, &end);
+  return end != text && *end == '\0' ? value : std::numeric_limits<double>::quiet_NaN();
 }
 
 using Point = std::vector<long>;  // grid index of each key
@@ -289,9 +289,7 @@ int RunTune(const TuneOptions& options) {
     heldTuned = ScoreEach(held, bestParams, options);
   }
   if (options.json) {
-    nlohmann::ordered_json head = {{"type", "best"}, {"params", bestParams}, {"tried", objective.Count()},
-                                   {"seed", options.seed}};
-    std::string text = head.dump() + "\n";
+    std::string text = FormatBestJson(bestParams, objective.Count(), options.seed);
     text += FormatScoresJson(NamesOf(recordings), defaults, {{"set", "tune"}, {"string", "defaults"}});
     text += FormatScoresJson(NamesOf(recordings), tuned, {{"set", "tune"}, {"string", "best"}});
     if (!held.empty()) {
@@ -312,6 +310,30 @@ int RunTune(const TuneOptions& options) {
   }
   WriteOut(text);
   return 0;
+}
+
+Runner DeclareTune(CLI::App& app) {
+  auto options = std::make_shared<TuneOptions>();
+  CLI::App* command = app.add_subcommand("tune", "Search the analyzer's parameter string for the lowest error rate");
+  command->add_option("FILE", options->files, "Labelled recordings to tune on, or @list.txt")->required();
+  command->add_option("--labels", options->labels, "Reference labels, as for eval")->allow_extra_args(false);
+  command->add_option("--validate", options->validate, "Labelled recordings to compare defaults and best string on")
+      ->expected(1, -1);
+  command->add_option("--keys", options->keys, "Keys to search (default: time-out, speech window, histogram)")
+      ->delimiter(',');
+  command->add_option("--space", options->spacePath, "Ranges to search: \"Key LOW HIGH [STEP]\" lines");
+  command->add_option("--seed", options->seed, "Seed of the random phase")->capture_default_str();
+  command->add_option("--evals", options->evaluations, "Parameter strings to try at most")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10000000));
+  command->add_option("--time", options->timeS, "Stop after this many seconds (the result then depends on speed)")
+      ->check(CLI::PositiveNumber);
+  command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
+      ->check(CLI::NonNegativeNumber);
+  AddJobsOption(command, options->jobs, "Threads (default: one per core)");
+  command->add_flag("--json", options->json, "The best string, then every score as JSON Lines");
+  AddBlockOption(command, options->blockMs);
+  return [options] { return RunTune(*options); };
 }
 
 }  // namespace ktcli

@@ -465,7 +465,10 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), status == 0 ? 2 : !message.empty()) << run.err;
     EXPECT_EQ(run.out, "") << args;
     EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 0) << args;
-  }
+  }  // eval checks the string as vad does, at the recording's rate, and warns of unknown keys.
+  const Cli eval("eval --params EOSTimeoutMS=1 " + sample);
+  EXPECT_EQ(eval.status, 0);
+  EXPECT_NE(eval.err.find("reads no key \"EOSTimeoutMS\""), std::string::npos) << eval.err;
 }
 
 }  // namespace

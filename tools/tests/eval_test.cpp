@@ -14,6 +14,7 @@
 
 #include "eval.h"
 #include "labels.h"
+#include "writers.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 #pragma once
 // Speech regions as label files: the plain "start end" lines of samples/*.labels, Audacity
-// label tracks, RTTM and Praat TextGrid, read by content and written by vad.
-#include <nlohmann/json.hpp>
+// label tracks, RTTM and Praat TextGrid, read by content (LabelWriter in writers.h writes them).
 #include <string>
 #include <vector>
 
@@ -36,25 +35,5 @@ std::string FindLabelsFor(const std::string& recording);
 
 // The stem of a path: its file name without directory and extension.
 std::string StemOf(const std::string& path);
-
-// Turns vad's records into a label file: each segment as soon as it is found, TextGrid
-// (which states its length first) at the end of the stream.
-class LabelWriter {
- public:
-  LabelWriter(LabelFormat format, std::string fileId) : _format(format), _fileId(std::move(fileId)) {}
-  // The text the record adds, often empty.
-  std::string Take(const nlohmann::ordered_json& record);
-  // All regions in one go, as Take would give them for a stream of durationS seconds.
-  std::string Write(const std::vector<Region>& regions, double durationS);
-
- private:
-  std::string Line(const Region& region) const;
-  std::string TextGrid(double durationS) const;
-
-  LabelFormat _format;
-  std::string _fileId;
-  int _rateHz = 0;
-  std::vector<Region> _regions;
-};
 
 }  // namespace ktcli

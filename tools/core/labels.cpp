@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "textformat.h"
+#include "writers.h"
 
 namespace ktcli {
 namespace {
@@ -30,10 +31,6 @@ bool ParseNumber(const std::string& token, double& value) {
   value = std::strtod(token.c_str(), &end);
   return end == token.c_str() + token.size() && errno == 0 && std::isfinite(value);
 }
-
-// Times are kept to the millisecond, so a region written and read back is the same region.
-long Ms(double seconds) { return std::lround(seconds * 1000.0); }
-std::string Seconds(long ms) { return Fixed(static_cast<double>(ms) / 1000.0, 3); }
 
 std::vector<std::string> Split(const std::string& line, char separator) {
   std::vector<std::string> fields;
@@ -240,18 +237,13 @@ std::vector<Region> ParseLines(const std::string& text, const std::string& path,
     const std::vector<std::string> words = Split(line, ' ');
     if (words.empty() || words[0][0] == '#') continue;
     if (kind == Kind::Json) {
-      nlohmann::json record;
+      Region segment;
       try {
-        record = nlohmann::json::parse(line);
-      } catch (const nlohmann::json::exception&) {
-        throw LabelError(path, number, "not a JSON object");
+        if (!ParseJsonSegment(line, segment)) continue;
+      } catch (const std::invalid_argument& e) {
+        throw LabelError(path, number, e.what());
       }
-      if (!record.is_object() || record.value("type", "") != "segment") continue;
-      if (!record.contains("start") || !record.contains("end") || !record["start"].is_number() || !record["end"].is_number()) {
-        throw LabelError(path, number, "segment without numeric start and end");
-      }
-      AddRegion(regions, path, number, Fixed(record["start"].get<double>(), 9), Fixed(record["end"].get<double>(), 9), false,
-                points);
+      AddRegion(regions, path, number, Fixed(segment.startS, 9), Fixed(segment.endS, 9), false, points);
     } else if (kind == Kind::Rttm) {
       if (words[0] != "SPEAKER") continue;  // comments and other record types
       if (words.size() < 5) throw LabelError(path, number, "expected SPEAKER FILE CHANNEL START DURATION ...");
@@ -344,72 +336,6 @@ std::string FindLabelsFor(const std::string& recording) {
     if (stat((base + extension).c_str(), &status) == 0 && S_ISREG(status.st_mode)) return base + extension;
   }
   return "";
-}
-
-std::string LabelWriter::Line(const Region& region) const {
-  const long start = Ms(region.startS);
-  const long end = Ms(region.endS);
-  switch (_format) {
-    case LabelFormat::Audacity: return Seconds(start) + "\t" + Seconds(end) + "\tspeech\n";
-    case LabelFormat::Rttm:
-      return "SPEAKER " + _fileId + " 1 " + Seconds(start) + " " + Seconds(end - start) + " <NA> <NA> speech <NA> <NA>\n";
-    case LabelFormat::Json:
-      return "{\"type\":\"segment\",\"start\":" + Seconds(start) + ",\"end\":" + Seconds(end) + ",\"open\":false}\n";
-    default: return Seconds(start) + " " + Seconds(end) + "\n";
-  }
-}
-
-std::string LabelWriter::TextGrid(double durationS) const {
-  long cursor = 0;
-  std::vector<std::pair<std::pair<long, long>, bool>> intervals;
-  for (const Region& region : Normalize(_regions)) {
-    const long start = Ms(region.startS);
-    const long end = Ms(region.endS);
-    if (end <= start) continue;  // Praat allows no empty interval
-    if (start > cursor) intervals.push_back({{cursor, start}, false});
-    intervals.push_back({{start, end}, true});
-    cursor = end;
-  }
-  const long xmax = std::max(cursor, Ms(durationS));
-  if (xmax > cursor || intervals.empty()) intervals.push_back({{cursor, std::max(xmax, cursor + 1)}, false});
-  const std::string end = Seconds(intervals.back().first.second);
-  std::string text = "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0\nxmax = " + end +
-                     "\ntiers? <exists>\nsize = 1\nitem []:\n    item [1]:\n        class = \"IntervalTier\"\n"
-                     "        name = \"speech\"\n        xmin = 0\n        xmax = " + end +
-                     "\n        intervals: size = " + std::to_string(intervals.size()) + "\n";
-  for (size_t i = 0; i < intervals.size(); ++i) {
-    text += "        intervals [" + std::to_string(i + 1) + "]:\n            xmin = " + Seconds(intervals[i].first.first) +
-            "\n            xmax = " + Seconds(intervals[i].first.second) + "\n            text = \"" +
-            (intervals[i].second ? "speech" : "") + "\"\n";
-  }
-  return text;
-}
-
-std::string LabelWriter::Take(const nlohmann::ordered_json& record) {
-  const std::string type = record.value("type", "");
-  if (type == "stream") _rateHz = record["rateHz"].get<int>();
-  if (type == "segment") {
-    const Region region{record["start"].get<double>(), record["end"].get<double>()};
-    if (_format == LabelFormat::TextGrid) {
-      _regions.push_back(region);
-      return "";
-    }
-    return Line(region);
-  }
-  if (type == "end" && _format == LabelFormat::TextGrid) {
-    return TextGrid(_rateHz > 0 ? record["samples"].get<double>() / _rateHz : 0.0);
-  }
-  return "";
-}
-
-std::string LabelWriter::Write(const std::vector<Region>& regions, double durationS) {
-  if (_format == LabelFormat::TextGrid) {
-    _regions = regions;
-    return TextGrid(durationS);
-  }
-  std::string text;
-  for (const Region& region : regions) text += Line(region);
-  return text;
 }
 
 }  // namespace ktcli

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "vadrun.h"
-
-#include "agcrun.h"
+#include "audioanalyzer.h"
+#include "labels.h"
+#include "records.h"
 
 namespace ktcli {
 
@@ -28,7 +28,7 @@ struct PlotData {
   struct Volume {
     float timeS;
     float snrVolumePct;
-    int8_t info;  // kt::AnalyzerVolumeMeter::Info
+    kt::AnalyzerVolumeMeter::Info info;
   };
   std::string name;
   int rateHz = 0;
@@ -36,17 +36,17 @@ struct PlotData {
   double frameMs = 20.0;
   std::vector<Frame> frames;
   std::vector<Volume> volumes;
-  std::vector<Segment> segments;
+  std::vector<SegmentRecord> segments;
   bool agc = false;
   float startGain = 0.5f;
-  std::vector<GainUpdate> gains;
+  std::vector<GainRecord> gains;
 };
 
 class Plot {
  public:
   // Keeps a reference to data, which must outlive the plot. Shows fromS to toS; toS <= fromS
   // shows the whole recording.
-  Plot(const PlotData& data, std::vector<Segment> labels, std::string params, double fromS, double toS);
+  Plot(const PlotData& data, std::vector<Region> labels, std::string params, double fromS, double toS);
 
   // ".svg" and ".png", by the path's extension.
   static bool IsSupportedFormat(const std::string& path);
@@ -105,7 +105,7 @@ class Plot {
   void DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const;
 
   const PlotData& _data;
-  std::vector<Segment> _labels;
+  std::vector<Region> _labels;
   std::string _params;
   double _fromS;
   double _toS;

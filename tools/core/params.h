@@ -1,0 +1,16 @@
+#pragma once
+// The one check of a parameter string, for every command and the Python module.
+#include <string>
+#include <vector>
+
+namespace ktcli {
+
+// Builds the service once, so that a string it refuses is refused here with its reason:
+// std::invalid_argument "invalid parameter string "...": why". The analyzer's limits depend
+// on its frame length, so it is checked at the rate it will run at; the gain control's
+// frames are 20 ms at every rate. Returns one warning per key the service does not read:
+// the library ignores those, so a misspelt key would silently do nothing.
+std::vector<std::string> CheckAnalyzerParams(const std::string& params, int rateHz);
+std::vector<std::string> CheckAgcParams(const std::string& params);
+
+}  // namespace ktcli
