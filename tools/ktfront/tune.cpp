@@ -15,6 +15,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
+
 #include "audioanalyzer.h"
 #include "subcommand.h"
 #include "eval.h"
@@ -36,11 +38,6 @@ double DefaultOf(const std::string& key) {
   return end != text && *end == '\0' ? value : std::numeric_limits<double>::quiet_NaN();
 }
 
-using Point = std::vector<long>;  // grid index of each key
-
-double ValueAt(const KeyRange& range, long index) { return range.low + static_cast<double>(index) * range.step; }
-long GridSize(const KeyRange& range) { return static_cast<long>(std::floor((range.high - range.low) / range.step + 1e-9)); }
-
 std::string ToParams(const std::vector<KeyRange>& space, const Point& point) {
   std::string params;
   for (size_t k = 0; k < space.size(); ++k) {
@@ -51,44 +48,73 @@ std::string ToParams(const std::vector<KeyRange>& space, const Point& point) {
   return params;
 }
 
-// The total error rate over the recordings; infinite for a string the analyzer refuses.
-class Objective {
+// On near ties, the string nearer the defaults: at most this much error rate (a fraction) for
+// a string at the far corner of every range; small, so that it only settles near ties.
+constexpr double kDefaultsWeight = 0.001;
+
+// Every string's score on every recording it was run on, so that the searches of the folds,
+// which share most of their recordings, run each string over a recording once.
+class Scorer {
  public:
-  Objective(const std::vector<Recording>& recordings, const TuneOptions& options)
+  Scorer(const std::vector<Recording>& recordings, const TuneOptions& options)
       : _recordings(recordings), _options(options) {}
 
-  // Scores every string not scored yet on all recordings, spread over the jobs.
-  void Score(const std::vector<std::string>& candidates) {
-    std::vector<std::string> fresh;
-    for (const std::string& c : candidates) {
-      if (!_scores.count(c) && std::find(fresh.begin(), fresh.end(), c) == fresh.end()) fresh.push_back(c);
-    }
-    const size_t files = _recordings.size();
-    std::vector<ktcli::Score> scores(fresh.size() * files);
-    const std::vector<std::string> errors = ParallelFor(scores.size(), _options.jobs, [&](size_t i) {
-      const Recording& recording = _recordings[i % files];
-      scores[i] = Evaluate(recording.reference, Detect(recording, fresh[i / files], _options.blockMs), _options.collarS);
-    });
-    for (size_t c = 0; c < fresh.size(); ++c) {
-      ktcli::Score total;
-      bool refused = false;
-      for (size_t f = 0; f < files; ++f) {
-        total += scores[c * files + f];
-        refused = refused || !errors[c * files + f].empty();
+  // The scores of each string on the given recordings; a string the analyzer refuses has none.
+  std::vector<std::vector<ktcli::Score>> Get(const std::vector<std::string>& strings, const std::vector<size_t>& files) {
+    std::vector<std::pair<size_t, size_t>> work;  // (string, recording) not run yet
+    for (size_t s = 0; s < strings.size(); ++s) {
+      Entry& entry = _cache[strings[s]];
+      entry.scores.resize(_recordings.size());
+      entry.done.resize(_recordings.size(), false);
+      for (const size_t f : files) {
+        if (!entry.done[f] && std::find(work.begin(), work.end(), std::make_pair(s, f)) == work.end()) work.push_back({s, f});
       }
-      const double rate = total.ErrorRate();
-      _scores[fresh[c]] = refused || std::isnan(rate) ? std::numeric_limits<double>::infinity() : rate;
     }
+    std::vector<ktcli::Score> scores(work.size());
+    const std::vector<std::string> errors = ParallelFor(work.size(), _options.jobs, [&](size_t i) {
+      const Recording& recording = _recordings[work[i].second];
+      scores[i] = Evaluate(recording.reference, Detect(recording, strings[work[i].first], _options.blockMs), _options.collarS);
+    });
+    for (size_t i = 0; i < work.size(); ++i) {
+      Entry& entry = _cache[strings[work[i].first]];
+      entry.scores[work[i].second] = scores[i];
+      entry.done[work[i].second] = true;
+      entry.refused = entry.refused || !errors[i].empty();
+    }
+    std::vector<std::vector<ktcli::Score>> result;
+    for (const std::string& string : strings) {
+      const Entry& entry = _cache.at(string);
+      result.emplace_back();
+      if (entry.refused) continue;
+      for (const size_t f : files) result.back().push_back(entry.scores[f]);
+    }
+    return result;
   }
-  double Get(const std::string& params) const { return _scores.at(params); }
-  bool Has(const std::string& params) const { return _scores.count(params) != 0; }
-  size_t Count() const { return _scores.size(); }
 
  private:
+  struct Entry {
+    std::vector<ktcli::Score> scores;
+    std::vector<bool> done;
+    bool refused = false;
+  };
   const std::vector<Recording>& _recordings;
   const TuneOptions& _options;
-  std::map<std::string, double> _scores;
+  std::map<std::string, Entry> _cache;
 };
+
+std::vector<int> Pick(const std::vector<int>& values, const std::vector<size_t>& indices) {
+  std::vector<int> picked;
+  for (const size_t i : indices) picked.push_back(values[i]);
+  return picked;
+}
+
+// The mean group error of one string on the given recordings; infinity for a refused string.
+double GroupError(Scorer& scorer, const std::string& params, const std::vector<size_t>& files,
+                  const std::vector<int>& groupOf) {
+  const std::vector<ktcli::Score> scores = scorer.Get({params}, files).front();
+  const double error = scores.empty() ? NAN : MeanGroupError(scores, Pick(groupOf, files));
+  return std::isnan(error) ? std::numeric_limits<double>::infinity() : error;
+}
 
 class Progress {
  public:
@@ -132,6 +158,25 @@ std::vector<Recording> LoadAll(const std::vector<std::string>& files, const std:
   return recordings;
 }
 
+double Mean(const std::vector<double>& values) {
+  double sum = 0;
+  for (const double value : values) sum += value;
+  return values.empty() ? NAN : sum / static_cast<double>(values.size());
+}
+
+double StandardDeviation(const std::vector<double>& values) {
+  const double mean = Mean(values);
+  double sum = 0;
+  for (const double value : values) sum += (value - mean) * (value - mean);
+  return values.size() < 2 ? NAN : std::sqrt(sum / static_cast<double>(values.size() - 1));
+}
+
+std::string Percents(const std::vector<double>& values) {
+  std::string text;
+  for (const double value : values) text += (text.empty() ? "" : ", ") + Fixed(100.0 * value, 2);
+  return text;
+}
+
 std::string TotalRate(const std::vector<Score>& scores) {
   Score total;
   for (const Score& score : scores) total += score;
@@ -141,10 +186,12 @@ std::string TotalRate(const std::vector<Score>& scores) {
 }  // namespace
 
 std::vector<KeyRange> DefaultSpace() {
+  // The limits stay at least 10 dB apart, around the usual speech levels: limits found close
+  // together pin the threshold to the level of the recordings tuned on.
   return {{"EOSTimeoutMs", 100, 1500, 20},        {"SpeechWindowSizeMs", 60, 600, 20},
           {"SpeechWindowFraction", 0.05, 0.9, 0.01}, {"CutoffFraction", 0.01, 0.3, 0.01},
           {"ThresholdOffsetSpeech", 0, 20, 0.5},   {"ThresholdOffsetPause", 0, 30, 0.5},
-          {"ThresholdLowerLimit", 10, 60, 0.5},    {"ThresholdUpperLimit", 40, 90, 0.5}};
+          {"ThresholdLowerLimit", 10, 45, 0.5},    {"ThresholdUpperLimit", 55, 90, 0.5}};
 }
 
 std::vector<KeyRange> ReadSpace(const std::string& path) {
@@ -177,10 +224,6 @@ std::vector<KeyRange> ReadSpace(const std::string& path) {
   return space;
 }
 
-// Seeded random search over the grid, then a compass search from the best point found: the
-// error rate is a step function of the parameters, so there is no gradient to follow, and a
-// batch of candidates at a time keeps every core busy while the outcome stays independent of
-// the number of jobs (ties go to the earlier candidate).
 int RunTune(const TuneOptions& options) {
   std::vector<KeyRange> space = options.spacePath.empty() ? DefaultSpace() : ReadSpace(options.spacePath);
   if (!options.keys.empty()) {
@@ -193,90 +236,62 @@ int RunTune(const TuneOptions& options) {
     space = chosen;
   }
   if (options.evaluations < 1) throw UsageError("--evals must be at least 1");
+  if (options.folds < 0) throw UsageError("--folds must be 0 (none) or more");
   const std::vector<Recording> recordings = LoadAll(options.files, options.labels, options.jobs);
-  Objective objective(recordings, options);
+  const std::vector<int> groupOf = GroupPaths(NamesOf(recordings), options.groups);
+  const int groups = *std::max_element(groupOf.begin(), groupOf.end()) + 1;
+  // Cross-validation needs a group to hold out and one to search on.
+  const std::vector<std::vector<size_t>> folds = options.folds >= 2 && groups >= 2 ? MakeFolds(groupOf, options.folds)
+                                                                    : std::vector<std::vector<size_t>>();
+  Scorer scorer(recordings, options);
   const auto started = std::chrono::steady_clock::now();
-  auto outOfTime = [&]() {
+  SearchOptions search;
+  search.seed = options.seed;
+  search.evaluations = static_cast<size_t>(options.evaluations);
+  search.startWeight = kDefaultsWeight;
+  search.stop = [&]() {
     return options.timeS > 0 &&
            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count() >= options.timeS;
   };
+  Progress progress(options.evaluations * static_cast<int>(folds.size() + 1));
+  size_t triedBefore = 0;
+  search.progress = [&](size_t tried, double best) { progress.Show(triedBefore + tried, best); };
 
-  Point best(space.size());
+  Point start(space.size());
   for (size_t k = 0; k < space.size(); ++k) {
     const double value = DefaultOf(space[k].key);
-    const long index = std::isnan(value) ? GridSize(space[k]) / 2 : std::lround((value - space[k].low) / space[k].step);
-    best[k] = std::clamp(index, 0L, GridSize(space[k]));
+    start[k] = std::isnan(value) ? GridSize(space[k]) / 2 : IndexOf(space[k], value);
   }
-  Progress progress(options.evaluations);
-  std::mt19937_64 random(options.seed);
-  // Random phase: a third of the budget, the defaults first.
-  const size_t randomCount = std::max<size_t>(1, static_cast<size_t>(options.evaluations) / 3);
-  std::vector<Point> points = {best};
-  while (points.size() < randomCount) {
-    Point point(space.size());
-    for (size_t k = 0; k < space.size(); ++k) point[k] = static_cast<long>(random() % static_cast<uint64_t>(GridSize(space[k]) + 1));
-    points.push_back(point);
+  auto searchOn = [&](const std::vector<size_t>& files) {
+    const SearchResult result = Search(space, start, [&](const std::vector<Point>& points) {
+      std::vector<std::string> strings;
+      for (const Point& point : points) strings.push_back(ToParams(space, point));
+      scorer.Get(strings, files);  // the whole batch at once, to keep every thread busy
+      std::vector<double> errors;
+      for (const std::string& params : strings) errors.push_back(GroupError(scorer, params, files, groupOf));
+      return errors;
+    }, search);
+    triedBefore += result.tried;
+    return result;
+  };
+  // Each fold searched on the other groups and scored on its own.
+  std::vector<double> foldBest, foldDefaults;
+  for (const std::vector<size_t>& held : folds) {
+    std::vector<size_t> train;
+    for (size_t i = 0; i < recordings.size(); ++i) {
+      if (std::find(held.begin(), held.end(), i) == held.end()) train.push_back(i);
+    }
+    const SearchResult result = searchOn(train);
+    foldBest.push_back(GroupError(scorer, ToParams(space, result.best), held, groupOf));
+    foldDefaults.push_back(GroupError(scorer, "", held, groupOf));
   }
-  double bestScore = std::numeric_limits<double>::infinity();
-  const size_t kBatch = 16;
-  for (size_t first = 0; first < points.size() && !outOfTime(); first += kBatch) {
-    std::vector<std::string> batch;
-    for (size_t i = first; i < std::min(points.size(), first + kBatch); ++i) batch.push_back(ToParams(space, points[i]));
-    objective.Score(batch);
-    for (size_t i = first; i < std::min(points.size(), first + kBatch); ++i) {
-      const double score = objective.Get(batch[i - first]);
-      if (score < bestScore) {
-        bestScore = score;
-        best = points[i];
-      }
-    }
-    progress.Show(objective.Count(), bestScore);
-  }
-  // Compass phase: each key one step up and down; move to the best gain, or halve the steps.
-  std::vector<long> steps(space.size());
-  for (size_t k = 0; k < space.size(); ++k) steps[k] = std::max(1L, GridSize(space[k]) / 8);
-  while (objective.Count() < static_cast<size_t>(options.evaluations) && !outOfTime()) {
-    std::vector<Point> candidates;
-    std::vector<std::string> batch;
-    for (size_t k = 0; k < space.size(); ++k) {
-      for (const long direction : {-1L, 1L}) {
-        Point point = best;
-        point[k] = std::clamp(best[k] + direction * steps[k], 0L, GridSize(space[k]));
-        const std::string params = ToParams(space, point);
-        if (point == best || std::find(batch.begin(), batch.end(), params) != batch.end()) continue;
-        candidates.push_back(point);
-        batch.push_back(params);
-      }
-    }
-    // The budget may end inside this batch.
-    size_t fresh = 0;
-    const size_t room = static_cast<size_t>(options.evaluations) - objective.Count();
-    for (size_t i = 0; i < batch.size(); ++i) {
-      if (!objective.Has(batch[i]) && ++fresh > room) {
-        candidates.resize(i);
-        batch.resize(i);
-      }
-    }
-    objective.Score(batch);
-    size_t moveTo = candidates.size();
-    double moveScore = bestScore;
-    for (size_t i = 0; i < candidates.size(); ++i) {
-      if (objective.Get(batch[i]) < moveScore) {
-        moveScore = objective.Get(batch[i]);
-        moveTo = i;
-      }
-    }
-    progress.Show(objective.Count(), std::min(bestScore, moveScore));
-    if (moveTo < candidates.size()) {
-      best = candidates[moveTo];
-      bestScore = moveScore;
-    } else if (*std::max_element(steps.begin(), steps.end()) == 1) {
-      break;  // no neighbour on the finest grid is better
-    } else {
-      for (long& step : steps) step = std::max(1L, step / 2);
-    }
-  }
+  std::vector<size_t> all(recordings.size());
+  for (size_t i = 0; i < all.size(); ++i) all[i] = i;
+  const SearchResult found = searchOn(all);
   progress.End();
+  // Keep the defaults when strings searched without a group did worse on it than they did.
+  const bool keepDefaults = !folds.empty() && Mean(foldBest) >= Mean(foldDefaults);
+  const Point best = keepDefaults ? start : found.best;
 
   const std::string bestParams = ToParams(space, best);
   const std::vector<Score> defaults = ScoreEach(recordings, "", options);
@@ -289,7 +304,23 @@ int RunTune(const TuneOptions& options) {
     heldTuned = ScoreEach(held, bestParams, options);
   }
   if (options.json) {
-    std::string text = FormatBestJson(bestParams, objective.Count(), options.seed);
+    std::string text = FormatBestJson(bestParams, triedBefore, options.seed);
+    if (!folds.empty()) {
+      auto pct = [](const std::vector<double>& values) {
+        std::vector<double> pct;
+        for (const double value : values) pct.push_back(100.0 * value);
+        return pct;
+      };
+      const nlohmann::ordered_json crossval = {{"type", "crossval"},
+                                               {"folds", folds.size()},
+                                               {"groups", groups},
+                                               {"bestPct", pct(foldBest)},
+                                               {"defaultsPct", pct(foldDefaults)},
+                                               {"bestMeanPct", 100.0 * Mean(foldBest)},
+                                               {"defaultsMeanPct", 100.0 * Mean(foldDefaults)},
+                                               {"keptDefaults", keepDefaults}};
+      text += crossval.dump() + "\n";
+    }
     text += FormatScoresJson(NamesOf(recordings), defaults, {{"set", "tune"}, {"string", "defaults"}});
     text += FormatScoresJson(NamesOf(recordings), tuned, {{"set", "tune"}, {"string", "best"}});
     if (!held.empty()) {
@@ -299,8 +330,18 @@ int RunTune(const TuneOptions& options) {
     WriteOut(text);
     return 0;
   }
-  std::string text = "best: " + bestParams + "\n\ntuned on " + std::to_string(recordings.size()) + " recordings, " +
-                     std::to_string(objective.Count()) + " strings tried (seed " + std::to_string(options.seed) +
+  std::string text = "best: " + bestParams + "\n";
+  if (!folds.empty()) {
+    const double sd = StandardDeviation(foldBest);
+    text += "\ncross-validated over " + std::to_string(folds.size()) + " folds of " + std::to_string(groups) +
+            " groups, each searched on the other folds: held-out error " + Fixed(100.0 * Mean(foldBest), 2) + " %" +
+            (std::isnan(sd) ? "" : " (sd " + Fixed(100.0 * sd, 2) + ")") + ", defaults " +
+            Fixed(100.0 * Mean(foldDefaults), 2) + " % (mean over folds of the mean over groups)\n  per fold: " +
+            Percents(foldBest) + " %; defaults " + Percents(foldDefaults) + " %\n";
+    if (keepDefaults) text += "  the search did not beat the defaults on held-out groups: keeping the defaults\n";
+  }
+  text += "\ntuned on " + std::to_string(recordings.size()) + " recordings in " + std::to_string(groups) + " groups, " +
+                     std::to_string(triedBefore) + " strings tried (seed " + std::to_string(options.seed) +
                      "): error rate " + TotalRate(defaults) + " with the defaults, " + TotalRate(tuned) +
                      " with the best string\n" + FormatScores(NamesOf(recordings), tuned);
   if (!held.empty()) {
@@ -322,6 +363,12 @@ Runner DeclareTune(CLI::App& app) {
   command->add_option("--keys", options->keys, "Keys to search (default: time-out, speech window, histogram)")
       ->delimiter(',');
   command->add_option("--space", options->spacePath, "Ranges to search: \"Key LOW HIGH [STEP]\" lines");
+  command->add_option("--groups", options->groups,
+                      "Group recordings for cross-validation and the error mean: folder, or a regular expression "
+                      "whose first group names the group (default: each recording its own)");
+  command->add_option("--folds", options->folds, "Folds of cross-validation over the groups (0: none)")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
   command->add_option("--seed", options->seed, "Seed of the random phase")->capture_default_str();
   command->add_option("--evals", options->evaluations, "Parameter strings to try at most")
       ->capture_default_str()

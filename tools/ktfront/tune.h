@@ -1,19 +1,13 @@
 #pragma once
-// Searching the analyzer's parameter string for the lowest total detection error rate over
-// labelled recordings.
+// Searching the analyzer's parameter string for the lowest detection error rate over groups of
+// labelled recordings, with the error on groups held out estimated by cross-validation.
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace ktcli {
+#include "search.h"
 
-// One key's range, searched on a grid of the given step.
-struct KeyRange {
-  std::string key;
-  double low = 0.0;
-  double high = 0.0;
-  double step = 1.0;
-};
+namespace ktcli {
 
 // The built-in ranges of the keys that decide detection; the default key set.
 std::vector<KeyRange> DefaultSpace();
@@ -26,6 +20,8 @@ struct TuneOptions {
   std::vector<std::string> validate;
   std::vector<std::string> keys;
   std::string spacePath;
+  std::string groups;  // as GroupPaths takes it
+  int folds = 5;
   uint64_t seed = 1;
   int evaluations = 200;
   double timeS = 0.0;

@@ -195,13 +195,26 @@ TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
   std::istringstream json(RunTool(args + " -j2 --json", status));
   std::vector<nlohmann::json> records;
   for (std::string line; std::getline(json, line);) records.push_back(nlohmann::json::parse(line));
-  ASSERT_EQ(records.size(), 11u);
+  ASSERT_EQ(records.size(), 12u);
   EXPECT_EQ("best: " + records[0]["params"].get<std::string>(), one.substr(0, one.find('\n')));
-  EXPECT_EQ(records[0]["tried"], 24);
-  EXPECT_EQ(records[3]["type"], "total");
-  EXPECT_EQ(records[6]["string"], "best");
-  EXPECT_LE(records[6]["errorRatePct"].get<double>(), records[3]["errorRatePct"].get<double>());
-  EXPECT_EQ(records[10]["set"], "validate");
+  EXPECT_EQ(records[0]["tried"], 24 * 3);  // each of the two folds, then all recordings
+  // Two recordings, each its own group: each fold searched on one and scored on the other.
+  EXPECT_EQ(records[1]["type"], "crossval");
+  ASSERT_EQ(records[1]["bestPct"].size(), 2u);
+  EXPECT_NE(one.find("cross-validated over 2 folds of 2 groups"), std::string::npos);
+  EXPECT_EQ(records[4]["type"], "total");
+  EXPECT_EQ(records[7]["string"], "best");
+  EXPECT_LE(records[7]["errorRatePct"].get<double>(), records[4]["errorRatePct"].get<double>());
+  EXPECT_EQ(records[11]["set"], "validate");
+  // One group (one folder), or --folds 0: nothing to cross-validate.
+  for (const char* extra : {" --groups folder", " --folds 0"}) {
+    const std::string single = RunTool(args + extra, status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(single.find("cross-validated"), std::string::npos) << extra;
+    EXPECT_NE(single.find(" strings tried"), std::string::npos) << extra;
+  }
+  RunTool(args + " --groups '(unclosed'", status);
+  EXPECT_EQ(status, 2);
   const std::string many = RunTool("vad -j2 " + kSamples + "/message_8000.wav missing.wav " + kSamples + "/message_8000.wav", status);
   EXPECT_EQ(status, 1);
   EXPECT_EQ(many, "1.060 4.520\n5.180 7.580\n1.060 4.520\n5.180 7.580\n");
