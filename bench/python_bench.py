@@ -3,7 +3,12 @@
 sample and µs per call, over a bundled recording repeated to 60 s; with the path of
 ktfront_bench, the C interface and the classes are measured in the same run for comparison.
 
+With --corpus: files per second of ktfront.corpus on a LocalCluster of 1 and 2 worker
+processes (the bundled recordings, 240 files), and the peak RSS of a process that streams
+one hour of 48 kHz stereo FLAC through ktfront.iter_segments (made with sox), against load.
+
     PYTHONPATH=build/x86_64/python bench/python_bench.py [build/x86_64/bench/ktfront_bench]
+    PYTHONPATH=build/x86_64/python bench/python_bench.py --corpus
 """
 import os
 import subprocess
@@ -42,7 +47,67 @@ def measure(name, rate, samples, block_ms, make, step):
           f"{seconds * 1e6 / len(blocks):.2f} | {len(samples) / rate / seconds:.0f} |")
 
 
+def corpus_speed(workers, paths):
+    """Files per second once the cluster is up (best of REPEATS, wall time)."""
+    from dask.distributed import Client, LocalCluster
+    from ktfront import corpus
+    with LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address=None) as cluster, \
+            Client(cluster) as client:
+        corpus.run(paths[:20], client=client, show_progress=False)  # workers warmed up
+        times = []
+        for _ in range(REPEATS):
+            start = time.perf_counter()
+            corpus.run(paths, client=client, show_progress=False)
+            times.append(time.perf_counter() - start)
+    return len(paths) / min(times)
+
+
+# The peak of this process's own memory map (ru_maxrss would count the parent's, which
+# a child's RSS starts from before exec).
+PEAK = """import sys, ktfront
+if sys.argv[2] == "load":
+    n = len(ktfront.load(sys.argv[1])[0])
+elif sys.argv[2] != "import":
+    n = sum(1 for _ in ktfront.iter_segments(sys.argv[1], volume=sys.argv[2] == "volume"))
+else:
+    n = 0
+hwm = [line.split()[1] for line in open("/proc/self/status") if line.startswith("VmHWM:")][0]
+print(n, int(hwm) // 1024)"""
+
+
+def corpus_main():
+    import tempfile
+    wavs = [os.path.join(SAMPLES, f) for f in ("message_8000.wav", "directions_11025.wav", "forecast_16000.wav")]
+    with tempfile.TemporaryDirectory() as tmp:
+        paths = []
+        for i in range(240):
+            paths.append(os.path.join(tmp, f"{i}.wav"))
+            os.symlink(wavs[i % 3], paths[-1])
+        hour = os.path.join(tmp, "hour.flac")
+        subprocess.run(["sox", wavs[2], "-r", "48000", "-c", "2", hour, "repeat", "419"], check=True)
+        print(f"1 hour of 48 kHz stereo FLAC: {os.path.getsize(hour) / 2**20:.0f} MiB")
+        for how in ("import", "segments", "volume", "load"):
+            out = subprocess.run([sys.executable, "-c", PEAK, hour, how], check=True, capture_output=True, text=True)
+            count, peak = out.stdout.split()
+            print(f"| {how} | {count} | {peak} MiB |")
+        seconds = sum(len(ktfront.load(p)[0]) / ktfront.load(p)[1] for p in paths)
+        from ktfront import corpus
+        times = []
+        for _ in range(REPEATS):
+            start = time.perf_counter()
+            corpus.serial(paths)
+            times.append(time.perf_counter() - start)
+        print(f"| corpus.serial, this process | {len(paths) / min(times):.0f} |")
+        for workers in (1, 2):
+            print(f"| LocalCluster, {workers} worker process{'es' if workers > 1 else ''} | "
+                  f"{corpus_speed(workers, paths):.0f} |")
+        print(f"({len(paths)} files of {seconds / len(paths):.1f} s on average)")
+
+
 def main():
+    if sys.argv[1:] == ["--corpus"]:
+        corpus_main()
+        return
     print("| rate | Python call | ns/sample | µs/call | × real time |")
     print("|---:|---|---:|---:|---:|")
     for file in ("message_8000.wav", "directions_11025.wav", "forecast_16000.wav"):

@@ -1,12 +1,14 @@
 // ktfront for Python: the speech analyzer and the gain control over NumPy blocks, and the
-// tool's file reading and segmenting.
+// tool's file reading, mixing, resampling, segmenting and label writing.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -18,49 +20,223 @@
 #include "agc.h"
 #include "audioanalyzer.h"
 #include "blocks.h"
+#include "labels.h"
 #include "params.h"
+#include "pcm.h"
 #include "records.h"
+#include "resampler.h"
+#include "source.h"
 #include "vadrun.h"
+#include "writers.h"
 
 namespace py = pybind11;
 
 namespace {
 
-// A caller's block seen where it lies: a 1-D contiguous int16 array, or bytes of 16-bit
-// little-endian samples. The buffer stays held, so the memory cannot go away or move.
-class Block {
+// The source's chunk length: whole arrays are resampled in the pieces a file is read in,
+// so that an array and the same audio in a file give the same samples.
+constexpr size_t kChunkFrames = 4096;
+// More channels than this is taken for an array laid out channels x frames.
+constexpr py::ssize_t kMaxChannels = 64;
+
+std::string TypeName(const py::handle& object) { return py::str(py::type::handle_of(object).attr("__name__")); }
+
+// Audio as a caller holds it, read as the tool reads a file: 16-bit samples seen in place (a
+// 1-D int16 array or bytes of 16-bit little-endian samples); float samples (full scale
+// -1..1) put on the 16-bit scale one by one; 2-D frames x channels mixed onto full-scale
+// mono floats.
+class Audio {
  public:
-  explicit Block(const py::handle& object) {
-    if (!PyObject_CheckBuffer(object.ptr())) {
-      throw py::type_error("block must be a 1-D numpy.int16 array or bytes of 16-bit samples, not " +
-                           std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+  explicit Audio(const py::handle& object) {
+    if (py::isinstance<py::array>(object)) {
+      FromArray(py::reinterpret_borrow<py::array>(object));
+    } else if (PyObject_CheckBuffer(object.ptr())) {
+      FromBytes(object);
+    } else {
+      throw py::type_error("audio must be a numpy array (int16, float32 or float64) or bytes of 16-bit samples, not " +
+                           TypeName(object));
     }
-    _info = py::reinterpret_borrow<py::buffer>(object).request();
-    const std::string format = _info.format;
-    const bool int16 = _info.itemsize == 2 && (format == "h" || format == "<h" || format == "=h");
-    const bool bytes = _info.itemsize == 1 && (format == "B" || format == "b" || format == "c");
-    if (!int16 && !bytes) {
-      std::string what = "format '" + format + "'";
-      if (py::hasattr(object, "dtype")) what = "dtype " + std::string(py::str(object.attr("dtype")));
-      throw py::type_error("block must hold 16-bit samples (numpy.int16 or bytes), not " + what);
-    }
-    if (_info.ndim != 1) {
-      throw py::value_error("block must be 1-D, not " + std::to_string(_info.ndim) + "-D");
-    }
-    if (_info.shape[0] > 1 && _info.strides[0] != _info.itemsize) {
-      throw py::value_error("block must be contiguous (numpy.ascontiguousarray makes a copy that is)");
-    }
-    const size_t bytesHeld = static_cast<size_t>(_info.shape[0] * _info.itemsize);
-    if (bytesHeld % 2) throw py::value_error("bytes must hold whole 16-bit samples: got an odd length");
-    _count = bytesHeld / 2;
   }
-  const int16_t* data() const { return static_cast<const int16_t*>(_info.ptr); }
-  size_t size() const { return _count; }
+  // 16-bit mono samples held in place; otherwise Floats() holds the audio.
+  bool IsInt16() const { return _int16 != nullptr; }
+  const int16_t* Int16() const { return _int16; }
+  size_t size() const { return _int16 ? _count : _floats.size(); }
+  const std::vector<float>& Floats() const { return _floats; }
+
+  // The 16-bit mono samples at the source rate (a copy only when conversion is needed).
+  const int16_t* Samples() {
+    if (_int16) return _int16;
+    _converted.resize(_floats.size());
+    for (size_t i = 0; i < _floats.size(); ++i) _converted[i] = ktcli::ToSample(_floats[i]);
+    return _converted.data();
+  }
+  // Full-scale mono floats, as the resampler takes them.
+  const std::vector<float>& AsFloats() {
+    if (_int16 && _floats.empty()) {
+      _floats.resize(_count);
+      for (size_t i = 0; i < _count; ++i) _floats[i] = static_cast<float>(_int16[i] * (1.0 / 32768.0));
+    }
+    return _floats;
+  }
 
  private:
+  void FromBytes(const py::handle& object) {
+    _info = py::reinterpret_borrow<py::buffer>(object).request();
+    const std::string format = _info.format;
+    const bool bytes = _info.itemsize == 1 && (format == "B" || format == "b" || format == "c");
+    if (!bytes || _info.ndim != 1) {
+      throw py::type_error("a buffer that is not a numpy array must be bytes of 16-bit samples, not format '" + format +
+                           "'");
+    }
+    if (_info.shape[0] % 2) throw py::value_error("bytes must hold whole 16-bit samples: got an odd length");
+    _int16 = static_cast<const int16_t*>(_info.ptr);
+    _count = static_cast<size_t>(_info.shape[0] / 2);
+  }
+
+  // Interleaved 16-bit frames mixed as the tool mixes a file's channels: the sum times
+  // 1 / (channels x 32768), in double, onto full-scale floats.
+  void Mix(const int16_t* in, size_t frames, size_t channels) {
+    _floats.resize(frames);
+    const double scale = 1.0 / (static_cast<double>(channels) * 32768.0);
+    for (size_t i = 0; i < frames; ++i) {
+      int sum = 0;
+      for (size_t c = 0; c < channels; ++c) sum += in[i * channels + c];
+      _floats[i] = static_cast<float>(sum * scale);
+    }
+  }
+
+  // Float samples onto the 16-bit scale one by one, as the tool reads a float file.
+  template <typename T>
+  void FromFloats(const py::array& array) {
+    const auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(array);
+    if (!a) throw py::error_already_set();
+    _owned.resize(static_cast<size_t>(a.size()));
+    const T* in = a.data();
+    py::gil_scoped_release release;
+    for (size_t i = 0; i < _owned.size(); ++i) _owned[i] = ktcli::ToSample(static_cast<float>(in[i]));
+  }
+
+  void FromArray(const py::array& array) {
+    const py::dtype dtype = array.dtype();
+    const char kind = dtype.kind();
+    const bool int16 = kind == 'i' && dtype.itemsize() == 2;
+    const bool floating = kind == 'f' && (dtype.itemsize() == 4 || dtype.itemsize() == 8);
+    if (!int16 && !floating) {
+      throw py::type_error("audio arrays must be int16, float32 or float64, not " + std::string(py::str(py::handle(dtype))));
+    }
+    if (array.ndim() != 1 && array.ndim() != 2) {
+      throw py::value_error("audio must be 1-D, or 2-D frames x channels, not " + std::to_string(array.ndim()) + "-D");
+    }
+    if (array.ndim() == 2 && (array.shape(1) < 1 || array.shape(1) > kMaxChannels)) {
+      throw py::value_error("a 2-D array is frames x channels: " + std::to_string(array.shape(1)) +
+                            " channels is not plausible (pass array.T?)");
+    }
+    const size_t frames = static_cast<size_t>(array.shape(0));
+    const size_t channels = array.ndim() == 2 ? static_cast<size_t>(array.shape(1)) : 1;
+    const bool contiguous = array.ndim() == 1 && (array.shape(0) < 2 || array.strides(0) == 2);
+    if (int16 && contiguous) {  // read in place
+      _info = py::reinterpret_borrow<py::buffer>(array).request();
+      _int16 = static_cast<const int16_t*>(_info.ptr);
+      _count = frames;
+      return;
+    }
+    if (int16) {
+      _copy = py::array_t<int16_t, py::array::c_style | py::array::forcecast>::ensure(array);
+      if (!_copy) throw py::error_already_set();
+    } else if (dtype.itemsize() == 4) {
+      FromFloats<float>(array);
+    } else {
+      FromFloats<double>(array);
+    }
+    const int16_t* samples = int16 ? _copy.data() : _owned.data();
+    if (channels == 1) {
+      _int16 = samples;
+      _count = frames;
+    } else {
+      py::gil_scoped_release release;
+      Mix(samples, frames, channels);
+    }
+  }
+
   py::buffer_info _info;
+  py::array_t<int16_t> _copy;
+  std::vector<int16_t> _owned;  // float samples on the 16-bit scale
+  const int16_t* _int16 = nullptr;
   size_t _count = 0;
+  std::vector<float> _floats;
+  std::vector<int16_t> _converted;
 };
+
+// The rate a user gives: any positive whole number of Hz (an integral float is accepted).
+int RateOf(double rate) {
+  if (!(rate >= 1 && rate <= 1e7) || rate != std::floor(rate)) {
+    throw py::value_error("rate must be a whole number of Hz, not " + std::string(py::str(py::float_(rate))));
+  }
+  return static_cast<int>(rate);
+}
+
+// The analysis rate for a source rate, as the tool chooses it.
+int AnalysisRate(int rate) {
+  const int analysis = ktcli::AudioSource::AnalysisRateFor(rate);
+  if (analysis == 0) throw py::value_error("unsupported sampling rate " + std::to_string(rate) + " Hz: at least 8000 Hz is needed");
+  return analysis;
+}
+
+py::array_t<int16_t> ToArray(kt::AudioData&& samples) {
+  auto* held = new kt::AudioData(std::move(samples));
+  py::capsule owner(held, [](void* p) { delete static_cast<kt::AudioData*>(p); });
+  return py::array_t<int16_t>(static_cast<py::ssize_t>(held->size()), held->data(), owner);
+}
+
+// Full-scale mono floats resampled and put on the 16-bit scale; the tool's path for a file
+// whose rate the library does not take.
+class Converter {
+ public:
+  Converter(int fromHz, int toHz) {
+    if (fromHz != toHz) _resampler = std::make_unique<ktcli::Resampler>(fromHz, toHz);
+  }
+  // Appends the 16-bit samples the input gives; an empty input drains the filter.
+  void Process(const std::vector<float>& in, kt::AudioData& out) {
+    if (!_resampler) {
+      for (float v : in) out.push_back(ktcli::ToSample(v));
+      return;
+    }
+    _resampled.clear();
+    _resampler->Process(in, _resampled);
+    for (float v : _resampled) out.push_back(ktcli::ToSample(v));
+  }
+  bool Resamples() const { return _resampler != nullptr; }
+
+ private:
+  std::unique_ptr<ktcli::Resampler> _resampler;
+  std::vector<float> _resampled;
+};
+
+// A whole array onto 16-bit mono at the analysis rate, exactly as the tool reads a file.
+std::pair<kt::AudioData, int> Prepare(Audio& audio, int rate) {
+  const int analysis = AnalysisRate(rate);
+  kt::AudioData out;
+  if (audio.IsInt16() && analysis == rate) {
+    out.assign(audio.Int16(), audio.Int16() + audio.size());
+    return {std::move(out), rate};
+  }
+  const std::vector<float>& floats = audio.AsFloats();
+  py::gil_scoped_release release;
+  Converter converter(rate, analysis);
+  if (!converter.Resamples()) {
+    converter.Process(floats, out);
+    return {std::move(out), rate};
+  }
+  out.reserve(static_cast<size_t>(static_cast<double>(floats.size()) * analysis / rate) + 64);
+  std::vector<float> chunk;
+  for (size_t at = 0; at < floats.size(); at += kChunkFrames) {
+    chunk.assign(floats.begin() + static_cast<std::ptrdiff_t>(at),
+                 floats.begin() + static_cast<std::ptrdiff_t>(std::min(floats.size(), at + kChunkFrames)));
+    converter.Process(chunk, out);
+  }
+  converter.Process({}, out);
+  return {std::move(out), analysis};
+}
 
 // Serialises the calls on one service, which run without the GIL. Entered only with the
 // GIL released, so that a callback holding the lock can always take the GIL back.
@@ -92,47 +268,47 @@ class Serial {
 // A level the histogram has not learnt yet is NaN in the library, None here.
 py::object Level(double db) { return std::isnan(db) ? py::none() : py::object(py::float_(db)); }
 
-struct Event {
-  std::string tag;
-  double timeMs;
+// The result classes of ktfront._results, looked up once.
+struct Types {
+  py::object event, volume, frame, frameDecision, gainDecision, segment;
 };
+Types& ResultTypes() {
+  static Types* types = [] {
+    const py::module_ results = py::module_::import("ktfront._results");
+    return new Types{results.attr("Event"),         results.attr("Volume"),       results.attr("Frame"),
+                     results.attr("FrameDecision"), results.attr("GainDecision"), results.attr("Segment")};
+  }();
+  return *types;
+}
 
-struct Volume {
-  double timeMs;
-  double volumedBFS;
-  double volume;
-  double snrVolumePct;
-  std::string info;
-  bool isSpeechState;
-};
+py::object MakeDecision(const kt::FrameDecision& d, double frameMs) {
+  return ResultTypes().frameDecision(d.frameIndex, d.frameIndex * frameMs, d.energy, d.speechStartThreshold,
+                                     d.speechEndThreshold, Level(d.noiseLevel), Level(d.speechLevel), d.isSpeech);
+}
 
-struct Frame {
-  int frameIndex;
-  double timeMs;
-  bool isSpeech;
-  py::object samples;  // None without frame data
-  std::optional<kt::FrameDecision> decision;  // absent for the short last frame of a flush
-};
-
-py::object DecisionField(const Frame& frame, double kt::FrameDecision::*field) {
-  return frame.decision ? Level((*frame.decision).*field) : py::none();
+py::object MakeGainDecision(const kt::GainDecision& d) {
+  return ResultTypes().gainDecision(d.timeMs, d.currentGain, d.lowerLevel, d.lowerLevel2, d.upperLevel2, d.upperLevel,
+                                    d.clippingFraction, d.numLevels, kt::ToString(d.outcome), d.outcomeTimeMs, d.stepped,
+                                    d.newGain);
 }
 
 class Analyzer {
  public:
   Analyzer(double rate, const std::string& params, bool frameData, py::object onFrame)
       : _analyzer(params, rate, frameData), _frameData(frameData), _onFrame(std::move(onFrame)) {
+    ResultTypes();
     _analyzer.SetFrameObserver([this](const kt::FrameDecision& decision) {
       _decisions.Add(decision);
       if (_onFrame.is_none()) return;
       py::gil_scoped_acquire gil;
-      _onFrame(decision);
+      _onFrame(MakeDecision(decision, _analyzer.GetFrameSizeMs()));
     });
   }
 
   py::list Process(const py::object& block) {
-    const Block samples(block);
-    Run([&] { _analyzer.Process(samples.data(), samples.size()); });
+    Audio audio(block);
+    const int16_t* samples = audio.Samples();
+    Run([&] { _analyzer.Process(samples, audio.size()); });
     return Results();
   }
 
@@ -181,31 +357,41 @@ class Analyzer {
         }
       }
     }
+    const Types& types = ResultTypes();
     py::list out;
     const double frameMs = _analyzer.GetFrameSizeMs();
     for (const auto& r : taken) {
       switch (r->GetType()) {
         case kt::AnalyzerResult::RT_Event: {
           const auto& e = static_cast<const kt::AnalyzerEvent&>(*r);
-          out.append(Event{kt::ToString(e.GetTag()), e.GetTimeMs()});
+          out.append(types.event(kt::ToString(e.GetTag()), e.GetTimeMs()));
           break;
         }
         case kt::AnalyzerResult::RT_VolumeMeter: {
           const auto& v = static_cast<const kt::AnalyzerVolumeMeter&>(*r);
-          out.append(Volume{v.GetTimeMs(), v.GetVolumedBFS(), v.GetVolume(), v.GetSNRVolumePct(),
-                            kt::ToString(v.GetInfo()), v.IsSpeechState()});
+          out.append(types.volume(v.GetTimeMs(), v.GetVolumedBFS(), v.GetVolume(), v.GetSNRVolumePct(),
+                                  kt::ToString(v.GetInfo()), v.IsSpeechState()));
           break;
         }
         case kt::AnalyzerResult::RT_AudioFrame: {
           const auto& f = static_cast<const kt::AnalyzerAudioFrame&>(*r);
-          Frame frame{f.GetFrameIndex(), f.GetFrameIndex() * frameMs, f.IsSpeechSegmentFrame(), py::none(), {}};
+          const int index = f.GetFrameIndex();
+          py::object samples = py::none();
           if (_frameData) {
             const kt::AudioData& data = f.GetData();
-            frame.samples = py::array_t<int16_t>(static_cast<py::ssize_t>(data.size()), data.data());
+            samples = py::array_t<int16_t>(static_cast<py::ssize_t>(data.size()), data.data());
           }
-          frame.decision = decisions.front();
+          const std::optional<kt::FrameDecision> decision = decisions.front();
           decisions.pop_front();
-          out.append(std::move(frame));
+          if (decision) {
+            const kt::FrameDecision& d = *decision;
+            out.append(types.frame(index, index * frameMs, f.IsSpeechSegmentFrame(), samples, d.energy,
+                                   d.speechStartThreshold, d.speechEndThreshold, Level(d.noiseLevel),
+                                   Level(d.speechLevel)));
+          } else {  // the short last frame of a flush is not decided
+            out.append(types.frame(index, index * frameMs, f.IsSpeechSegmentFrame(), samples, py::none(), py::none(),
+                                   py::none(), py::none(), py::none()));
+          }
           break;
         }
       }
@@ -228,23 +414,25 @@ class GainControl {
   }
 
   float ComputeGain(const py::object& block, float gain) {
-    const Block samples(block);
+    Audio audio(block);
+    const int16_t* samples = audio.Samples();
     float next = 0.0f;
-    Run([&] { next = _agc.ComputeGain(samples.data(), samples.size(), gain); });
+    Run([&] { next = _agc.ComputeGain(samples, audio.size(), gain); });
     return next;
   }
 
   int ComputeGain16(const py::object& block, long gain) {
     if (gain < 0 || gain > 65535) throw py::value_error("gain must lie in 0 to 65535");
-    const Block samples(block);
+    Audio audio(block);
+    const int16_t* samples = audio.Samples();
     unsigned short next = 0;
-    Run([&] { next = _agc.ComputeGain(samples.data(), samples.size(), static_cast<unsigned short>(gain)); });
+    Run([&] { next = _agc.ComputeGain(samples, audio.size(), static_cast<unsigned short>(gain)); });
     return next;
   }
 
   float MedianGain() const { return _agc.GetMedianGain(); }
   void Reset() { Run([&] { _agc.Reset(); }); }
-  std::optional<kt::GainDecision> LastDecision() const { return _last; }
+  py::object LastDecision() const { return _last ? MakeGainDecision(*_last) : py::none(); }
 
  private:
   template <typename F>
@@ -262,13 +450,142 @@ class GainControl {
   std::optional<kt::GainDecision> _last;
 };
 
-std::string PathOf(const py::object& path) {
-  return py::str(py::module_::import("os").attr("fsdecode")(path));
-}
+// Blocks at any rate onto 16-bit mono at the analysis rate, block by block, by the tool's
+// resampler.
+class Resampler {
+ public:
+  Resampler(int rate, int toRate) : _rate(rate), _toRate(toRate ? toRate : AnalysisRate(rate)) {
+    if (ktcli::AudioSource::AnalysisRateFor(_toRate) != _toRate) {
+      throw py::value_error("to_rate must be 8000, 11025 or 16000, not " + std::to_string(_toRate));
+    }
+    _converter = std::make_unique<Converter>(_rate, _toRate);
+  }
+  py::array_t<int16_t> Process(const py::object& block) {
+    Audio audio(block);
+    kt::AudioData out;
+    if (audio.IsInt16() && !_converter->Resamples()) {
+      out.assign(audio.Int16(), audio.Int16() + audio.size());
+    } else {
+      const std::vector<float>& floats = audio.AsFloats();
+      py::gil_scoped_release release;
+      Serial::Entry entry(_serial);
+      _converter->Process(floats, out);
+    }
+    return ToArray(std::move(out));
+  }
+  // The filter's tail; the resampler then starts over.
+  py::array_t<int16_t> Flush() {
+    kt::AudioData out;
+    if (_converter->Resamples()) {
+      py::gil_scoped_release release;
+      Serial::Entry entry(_serial);
+      _converter->Process({}, out);
+      _converter = std::make_unique<Converter>(_rate, _toRate);
+    }
+    return ToArray(std::move(out));
+  }
+  int GetRate() const { return _rate; }
+  int GetToRate() const { return _toRate; }
 
-py::tuple Load(const py::object& path, int rawRate) {
-  const std::string file = PathOf(path);
-  auto samples = std::make_unique<kt::AudioData>();
+ private:
+  int _rate;
+  int _toRate;
+  std::unique_ptr<Converter> _converter;
+  Serial _serial;
+};
+
+// A file read chunk by chunk and segmented as `ktfront vad` does, its records handed out
+// as they come: only a chunk of audio is held at any time.
+class FileStream {
+ public:
+  FileStream(const std::string& path, int rawRate, const std::string& params, int blockMs, bool volume, bool events)
+      : _events(events) {
+    std::string error;
+    {
+      py::gil_scoped_release release;
+      try {
+        _source = std::make_unique<ktcli::AudioSource>(path, rawRate);
+      } catch (const std::runtime_error& e) {
+        error = e.what();
+      }
+    }
+    if (!error.empty()) {
+      PyErr_SetString(PyExc_OSError, error.c_str());
+      throw py::error_already_set();
+    }
+    const int block = ktcli::BlockSamples(blockMs, _source->GetRateHz(), "block_ms");
+    _blockSamples = static_cast<size_t>(block);
+    _block.reserve(_blockSamples);
+    _run = std::make_unique<ktcli::VadRun>(path, _source->GetRateHz(), params, block, ktcli::VadRun::Wanted{volume, false},
+                                           [this](const ktcli::Record& r) { _records.push_back(r); });
+  }
+
+  // The records of the next chunk read, None once the file and its last records are out.
+  py::object Read() {
+    if (_done) return py::none();
+    std::string error;
+    {
+      py::gil_scoped_release release;
+      Serial::Entry entry(_serial);
+      _records.clear();
+      try {
+        if (_source->Read()) {
+          const kt::AudioData& samples = _source->GetSamples();
+          for (size_t at = 0; at < samples.size();) {  // host blocks cut as the tool cuts them
+            const size_t take = std::min(samples.size() - at, _blockSamples - _block.size());
+            _block.insert(_block.end(), samples.begin() + static_cast<std::ptrdiff_t>(at),
+                          samples.begin() + static_cast<std::ptrdiff_t>(at + take));
+            at += take;
+            if (_block.size() == _blockSamples) {
+              _run->Process(_block);
+              _block.clear();
+            }
+          }
+        } else {
+          if (!_block.empty()) _run->Process(_block);
+          _run->Finish(false);
+          _done = true;
+        }
+      } catch (const std::runtime_error& e) {
+        _done = true;
+        error = e.what();
+      }
+    }
+    if (!error.empty()) {
+      PyErr_SetString(PyExc_OSError, error.c_str());
+      throw py::error_already_set();
+    }
+    const Types& types = ResultTypes();
+    py::list out;
+    for (const ktcli::Record& r : _records) {
+      if (const auto* segment = r.Get<ktcli::SegmentRecord>()) {
+        out.append(types.segment(segment->startS, segment->endS, segment->open));
+      } else if (const auto* v = r.Get<ktcli::VolumeRecord>()) {  // through the classes: levels always there
+        out.append(types.volume(v->timeMs, v->levels->volumedBFS, v->levels->volume, v->snrVolumePct,
+                                kt::ToString(v->info), v->levels->isSpeechState));
+      } else if (const auto* event = r.Get<ktcli::EventRecord>(); event && _events) {
+        out.append(types.event(kt::ToString(event->tag), event->timeMs));
+      }
+    }
+    return std::move(out);
+  }
+  int GetRate() const { return _source->GetRateHz(); }
+  double GetSeconds() const { return static_cast<double>(_source->GetSamplesRead()) / _source->GetRateHz(); }
+  std::string Describe() const { return _source->Describe(); }
+
+ private:
+  bool _events;
+  std::unique_ptr<ktcli::AudioSource> _source;
+  std::unique_ptr<ktcli::VadRun> _run;
+  size_t _blockSamples = 0;
+  kt::AudioData _block;
+  std::vector<ktcli::Record> _records;
+  bool _done = false;
+  Serial _serial;
+};
+
+py::tuple Load(const std::string& file, int rawRate) {
+  kt::AudioData samples;
   int rate = 0;
   std::string error;
   {
@@ -276,7 +593,7 @@ py::tuple Load(const py::object& path, int rawRate) {
     try {
       ktcli::Audio audio = ktcli::ReadAudio(file, rawRate);
       rate = audio.rateHz;
-      *samples = std::move(audio.samples);
+      samples = std::move(audio.samples);
     } catch (const std::runtime_error& e) {
       error = e.what();
     }
@@ -285,121 +602,112 @@ py::tuple Load(const py::object& path, int rawRate) {
     PyErr_SetString(PyExc_OSError, error.c_str());
     throw py::error_already_set();
   }
-  // The array takes the samples over instead of copying them.
-  kt::AudioData* held = samples.release();
-  py::capsule owner(held, [](void* p) { delete static_cast<kt::AudioData*>(p); });
-  py::array_t<int16_t> array(static_cast<py::ssize_t>(held->size()), held->data(), owner);
-  return py::make_tuple(array, rate);
+  return py::make_tuple(ToArray(std::move(samples)), rate);
+}
+
+py::tuple PrepareArray(const py::object& samples, double rate) {
+  Audio audio(samples);
+  auto prepared = Prepare(audio, RateOf(rate));
+  return py::make_tuple(ToArray(std::move(prepared.first)), prepared.second);
 }
 
 // The tool's check of the parameter string: its refusal as ValueError, a warning per unknown key.
-void CheckParams(const std::string& params, int rate) {
+void WarnParams(const std::string& params, int rate) {
   for (const std::string& warning : ktcli::CheckAnalyzerParams(params, rate)) {
     if (PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1) != 0) throw py::error_already_set();
   }
 }
 
-std::vector<std::pair<double, double>> Segments(const py::object& block, int rate, const std::string& params,
+// Runs one of the core's whole-audio functions on the audio as the tool would read it:
+// a supported-rate int16 array in place, anything else converted and resampled first.
+template <typename F>
+auto OnAudio(const py::object& samples, double rate, const std::string& params, int blockMs, F&& run) {
+  Audio audio(samples);
+  const int given = RateOf(rate);
+  const int analysis = AnalysisRate(given);
+  const int blockSamples = ktcli::BlockSamples(blockMs, analysis, "block_ms");
+  WarnParams(params, analysis);
+  if (audio.IsInt16() && analysis == given) {
+    py::gil_scoped_release release;
+    return run(audio.Int16(), audio.size(), analysis, params, blockSamples);
+  }
+  auto prepared = Prepare(audio, given);
+  py::gil_scoped_release release;
+  return run(prepared.first.data(), prepared.first.size(), analysis, params, blockSamples);
+}
+
+std::vector<std::pair<double, double>> Segments(const py::object& samples, double rate, const std::string& params,
                                                 int blockMs) {
-  const Block samples(block);
-  const int blockSamples = ktcli::BlockSamples(blockMs, rate, "block_ms");
-  CheckParams(params, rate);
-  py::gil_scoped_release release;
-  return ktcli::SpeechSegments(samples.data(), samples.size(), rate, params, blockSamples);
+  return OnAudio(samples, rate, params, blockMs, ktcli::SpeechSegments);
 }
 
-std::vector<ktcli::SegmentVolume> SegmentsWithVolume(const py::object& block, int rate, const std::string& params,
-                                                     int blockMs) {
-  const Block samples(block);
-  const int blockSamples = ktcli::BlockSamples(blockMs, rate, "block_ms");
-  CheckParams(params, rate);
-  py::gil_scoped_release release;
-  return ktcli::SpeechSegmentsWithVolume(samples.data(), samples.size(), rate, params, blockSamples);
+py::list SegmentsWithVolume(const py::object& samples, double rate, const std::string& params, int blockMs) {
+  const auto found = OnAudio(samples, rate, params, blockMs, ktcli::SpeechSegmentsWithVolume);
+  py::list rows;
+  for (const ktcli::SegmentVolume& s : found) rows.append(py::make_tuple(s.startS, s.endS, s.peakdBFS, s.meanSnrVolumePct));
+  return rows;
 }
 
+// The parameter string checked as the tool checks it: ValueError for what the service
+// refuses, and the warnings for keys it does not read.
+std::vector<std::string> CheckParams(const std::string& params, const std::string& service, int rate) {
+  if (service == "analyzer") return ktcli::CheckAnalyzerParams(params, rate);
+  if (service == "gain_control") return ktcli::CheckAgcParams(params);
+  throw py::value_error("service must be \"analyzer\" or \"gain_control\"");
+}
+
+std::string LabelText(const std::vector<std::pair<double, double>>& regions, const std::string& format,
+                      const std::string& fileId, double durationS) {
+  ktcli::LabelFormat kind;
+  try {
+    kind = ktcli::ParseLabelFormat(format);
+  } catch (const std::invalid_argument& e) {
+    throw py::value_error(e.what());
+  }
+  std::vector<ktcli::Region> out;
+  for (const auto& r : regions) {
+    if (!(r.first <= r.second)) throw py::value_error("a region ends before it starts");
+    out.push_back({r.first, r.second});
+  }
+  return ktcli::LabelWriter(kind, fileId).Write(out, durationS);
+}
+
+// Objects that hold a running analysis refuse to be copied: say so plainly.
 template <typename T>
-std::string Repr(const char* name, const T& fields) {
-  return std::string(name) + "(" + fields + ")";
+void RefuseCopies(py::class_<T>& cls, const char* name) {
+  const std::string message = std::string("ktfront.") + name +
+                              " holds a running analysis and cannot be pickled or copied: create one where it is "
+                              "used (in each Dask task), with the same rate and parameters";
+  cls.def("__reduce_ex__", [message](const T&, py::object) -> py::object { throw py::type_error(message); });
+  cls.def("__copy__", [message](const T&) -> py::object { throw py::type_error(message); });
+  cls.def("__deepcopy__", [message](const T&, py::object) -> py::object { throw py::type_error(message); });
 }
-
-std::string Num(double v) { return py::str(py::float_(v)); }
 
 }  // namespace
 
 PYBIND11_MODULE(_ktfront, m) {
-  m.doc() = "ktfront: voice activity detection with a volume meter, and automatic gain control.";
+  m.doc() = "ktfront's native part; use the ktfront package.";
 
-  py::class_<Event>(m, "Event", "A speech analyzer event: a segment starts or ends.")
-      .def_property_readonly("type", [](const Event&) { return "event"; })
-      .def_readonly("tag", &Event::tag, "\"SpeechStart\", \"SpeechEnd\", \"AboveVOR\" or \"BelowVOR\"")
-      .def_readonly("time_ms", &Event::timeMs, "When, in ms of audio since the start or the last flush")
-      .def("__repr__", [](const Event& e) { return Repr("Event", "tag='" + e.tag + "', time_ms=" + Num(e.timeMs)); });
-
-  py::class_<Volume>(m, "Volume", "A volume reading over one block's whole frames.")
-      .def_property_readonly("type", [](const Volume&) { return "volume"; })
-      .def_readonly("time_ms", &Volume::timeMs)
-      .def_readonly("volume_dbfs", &Volume::volumedBFS, "Peak level in dBFS, falling at most at the decay rate")
-      .def_readonly("volume", &Volume::volume, "Peak magnitude, 32768 at full scale")
-      .def_readonly("snr_volume_pct", &Volume::snrVolumePct, "Signal-to-noise volume in per cent")
-      .def_readonly("info", &Volume::info, "\"OK\", \"TooNoisy\", \"TooSoft\" or \"TooLoud\"")
-      .def_readonly("is_speech_state", &Volume::isSpeechState)
-      .def("__repr__", [](const Volume& v) {
-        return Repr("Volume", "time_ms=" + Num(v.timeMs) + ", snr_volume_pct=" + Num(v.snrVolumePct) + ", info='" +
-                                  v.info + "'");
-      });
-
-  py::class_<Frame>(m, "Frame",
-                    "One frame (20 ms, 19.95 at 11025 Hz: see Analyzer.frame_ms) as decided, with the levels it "
-                    "was decided by; the levels are None for the short last frame of a flush.")
-      .def_property_readonly("type", [](const Frame&) { return "frame"; })
-      .def_readonly("frame_index", &Frame::frameIndex)
-      .def_readonly("time_ms", &Frame::timeMs, "Start of the frame")
-      .def_readonly("is_speech", &Frame::isSpeech, "Inside a speech segment")
-      .def_readonly("samples", &Frame::samples, "The frame's int16 samples with frame_data=True, else None")
-      .def_property_readonly("energy", [](const Frame& f) { return DecisionField(f, &kt::FrameDecision::energy); },
-                             "dB of the mean square of the high-pass filtered frame (90.31 at full scale)")
-      .def_property_readonly(
-          "speech_start_threshold",
-          [](const Frame& f) { return DecisionField(f, &kt::FrameDecision::speechStartThreshold); })
-      .def_property_readonly(
-          "speech_end_threshold", [](const Frame& f) { return DecisionField(f, &kt::FrameDecision::speechEndThreshold); })
-      .def_property_readonly("noise_level", [](const Frame& f) { return DecisionField(f, &kt::FrameDecision::noiseLevel); },
-                             "None until the levels are learnt")
-      .def_property_readonly("speech_level",
-                             [](const Frame& f) { return DecisionField(f, &kt::FrameDecision::speechLevel); })
-      .def("__repr__", [](const Frame& f) {
-        return Repr("Frame", "frame_index=" + std::to_string(f.frameIndex) + ", is_speech=" + (f.isSpeech ? "True" : "False"));
-      });
-
-  py::class_<kt::FrameDecision>(m, "FrameDecision", "What the on_frame callback is given for each decided frame.")
-      .def_readonly("frame_index", &kt::FrameDecision::frameIndex)
-      .def_readonly("energy", &kt::FrameDecision::energy)
-      .def_readonly("speech_start_threshold", &kt::FrameDecision::speechStartThreshold)
-      .def_readonly("speech_end_threshold", &kt::FrameDecision::speechEndThreshold)
-      .def_property_readonly("noise_level", [](const kt::FrameDecision& d) { return Level(d.noiseLevel); })
-      .def_property_readonly("speech_level", [](const kt::FrameDecision& d) { return Level(d.speechLevel); })
-      .def_readonly("is_speech", &kt::FrameDecision::isSpeech)
-      .def("__repr__", [](const kt::FrameDecision& d) {
-        return Repr("FrameDecision", "frame_index=" + std::to_string(d.frameIndex) + ", energy=" + Num(d.energy));
-      });
-
-  py::class_<Analyzer>(m, "Analyzer",
-                       "Voice activity detector with a volume meter.\n\n"
-                       "Feed blocks of 16-bit mono samples of any length to process(); each call returns the "
-                       "results the block produced, in order: Event, Volume and Frame objects. flush() ends an "
-                       "utterance. Calls on one analyzer are serialised; separate analyzers run in parallel "
-                       "threads, as the GIL is released while a block is processed.")
+  py::class_<Analyzer> analyzer(m, "Analyzer",
+                                "Voice activity detector with a volume meter.\n\n"
+                                "Feed blocks of any length to process(); each call returns the results the block "
+                                "produced, in order: Event, Volume and Frame objects. flush() ends an utterance. Calls "
+                                "on one analyzer are serialised; separate analyzers run in parallel threads, as the GIL "
+                                "is released while a block is processed. Not picklable: create one per task.");
+  analyzer
       .def(py::init([](double rate, const std::string& params, bool frameData, py::object onFrame) {
              if (!onFrame.is_none() && !PyCallable_Check(onFrame.ptr())) throw py::type_error("on_frame must be callable");
              return std::make_unique<Analyzer>(rate, params, frameData, std::move(onFrame));
            }),
            py::arg("rate"), py::arg("params") = "", py::arg("frame_data") = false, py::arg("on_frame") = py::none(),
-           "rate: 8000, 11025 or 16000 Hz. params: \"Key=Value;...\" (see parameter_keys()). frame_data: Frame "
-           "results carry their samples. on_frame: called with a FrameDecision as each frame is decided.\n"
+           "rate: 8000, 11025 or 16000 Hz (ktfront.Resampler brings other rates there). params: \"Key=Value;...\" "
+           "(see parameter_keys()). frame_data: Frame results carry their samples. on_frame: called with a "
+           "FrameDecision as each frame is decided.\n"
            "Raises ValueError (\"Sampling rate\", \"Invalid format\", \"Value out of range\").")
       .def("process", &Analyzer::Process, py::arg("block"),
-           "Analyzes a block: a 1-D contiguous numpy.int16 array (read in place, not copied) or bytes of "
-           "16-bit little-endian samples. Returns the list of results it produced.")
+           "Analyzes a block at the analyzer's rate: int16 (a 1-D contiguous array is read in place), float32 or "
+           "float64 at full scale -1..1, 1-D or 2-D frames x channels (mixed down), or bytes of 16-bit "
+           "little-endian samples. Returns the list of results it produced.")
       .def("flush", &Analyzer::Flush,
            "Ends the utterance: decides what is held, closes an open segment at the end of the audio and "
            "returns the results; times start again from 0.")
@@ -411,29 +719,13 @@ PYBIND11_MODULE(_ktfront, m) {
       .def_property_readonly("samples_per_frame", &Analyzer::GetSamplesPerFrame)
       .def_property_readonly("frame_ms", &Analyzer::GetFrameMs)
       .def_static("parameter_keys", &kt::AudioAnalyzer::GetParameterKeys, "Every key the analyzer reads.");
+  RefuseCopies(analyzer, "Analyzer");
 
-  py::class_<kt::GainDecision>(m, "GainDecision", "One gain update of the gain control; levels in dB.")
-      .def_readonly("time_ms", &kt::GainDecision::timeMs)
-      .def_readonly("current_gain", &kt::GainDecision::currentGain)
-      .def_readonly("lower_level", &kt::GainDecision::lowerLevel)
-      .def_readonly("lower_level2", &kt::GainDecision::lowerLevel2)
-      .def_readonly("upper_level2", &kt::GainDecision::upperLevel2)
-      .def_readonly("upper_level", &kt::GainDecision::upperLevel)
-      .def_readonly("clipping_fraction", &kt::GainDecision::clippingFraction)
-      .def_readonly("num_levels", &kt::GainDecision::numLevels)
-      .def_property_readonly("outcome", [](const kt::GainDecision& d) { return kt::ToString(d.outcome); },
-                             "\"toolow\", \"toohigh\", \"speech\", \"pause\" or \"nil\"")
-      .def_readonly("outcome_time_ms", &kt::GainDecision::outcomeTimeMs)
-      .def_readonly("stepped", &kt::GainDecision::stepped)
-      .def_readonly("new_gain", &kt::GainDecision::newGain)
-      .def("__repr__", [](const kt::GainDecision& d) {
-        return Repr("GainDecision", std::string("outcome='") + kt::ToString(d.outcome) + "', new_gain=" + Num(d.newGain));
-      });
-
-  py::class_<GainControl>(m, "GainControl",
-                          "Automatic gain control: give it each recorded block with the gain it was recorded "
-                          "at, and set the gain it returns.")
-      .def(py::init<int, const std::string&>(), py::arg("rate"), py::arg("params") = "",
+  py::class_<GainControl> gain(m, "GainControl",
+                               "Automatic gain control: give it each recorded block with the gain it was recorded "
+                               "at, and set the gain it returns. Not picklable: create one per task.");
+  gain.def(py::init([](double rate, const std::string& params) { return std::make_unique<GainControl>(RateOf(rate), params); }),
+           py::arg("rate"), py::arg("params") = "",
            "rate: 8000, 11025 or 16000 Hz. Raises ValueError for a bad rate or parameter string.")
       .def("compute_gain", &GainControl::ComputeGain, py::arg("block"), py::arg("gain"),
            "The gain (0 to 1, single precision) to set next; block as for Analyzer.process. A gain of 0 "
@@ -445,23 +737,38 @@ PYBIND11_MODULE(_ktfront, m) {
                              "The GainDecision of the last compute_gain call, None if it made none")
       .def("reset", &GainControl::Reset, "Starts over: levels, clock and filter; configuration stays.")
       .def_static("parameter_keys", &kt::AGC::GetParameterKeys, "Every key the gain control reads.");
+  RefuseCopies(gain, "GainControl");
 
-  m.def("load", &Load, py::arg("path"), py::arg("raw_rate") = 0,
-        "Reads an audio file as the ktfront tool does: decoded by libsndfile, mixed down to mono and "
-        "resampled by libsoxr to the highest supported rate not above the file's. raw_rate > 0 reads "
-        "headerless 16-bit little-endian mono at that rate. Returns (int16 samples, rate). Raises "
-        "OSError with the tool's message for a file that cannot be read.");
-  m.def("segments", &Segments, py::arg("samples"), py::arg("rate"), py::arg("params") = "", py::arg("block_ms") = 20,
-        "The speech segments [(start_s, end_s), ...] that `ktfront vad` prints for these samples, handed "
-        "to the analyzer in blocks of block_ms.");
-  m.def("segments_with_volume", [](const py::object& samples, int rate, const std::string& params, int blockMs) {
-          py::list rows;
-          for (const ktcli::SegmentVolume& s : SegmentsWithVolume(samples, rate, params, blockMs)) {
-            rows.append(py::make_tuple(s.startS, s.endS, s.peakdBFS, s.meanSnrVolumePct));
-          }
-          return rows;
-        },
-        py::arg("samples"), py::arg("rate"), py::arg("params") = "", py::arg("block_ms") = 20,
-        "The segments of segments() from the same one run, each with the volume readings dated inside "
-        "it: [(start_s, end_s, peak_dbfs, mean_snr_volume_pct), ...], the last two None without readings.");
+  py::class_<Resampler> resampler(m, "Resampler",
+                                  "Blocks at any rate (44.1 or 48 kHz from a microphone) onto int16 mono at a rate the "
+                                  "services take, by the ktfront tool's resampler. Not picklable.");
+  resampler
+      .def(py::init([](double rate, int toRate) { return std::make_unique<Resampler>(RateOf(rate), toRate); }),
+           py::arg("rate"), py::arg("to_rate") = 0,
+           "to_rate: 8000, 11025 or 16000; by default the highest not above rate, as the tool chooses.")
+      .def("process", &Resampler::Process, py::arg("block"),
+           "The block (any dtype Analyzer.process takes, 2-D mixed down) at to_rate, as an int16 array; the filter "
+           "holds back a few ms, which later blocks and flush() give out.")
+      .def("flush", &Resampler::Flush, "The samples still held; the resampler then starts over.")
+      .def_property_readonly("rate", &Resampler::GetRate)
+      .def_property_readonly("to_rate", &Resampler::GetToRate);
+  RefuseCopies(resampler, "Resampler");
+
+  py::class_<FileStream> stream(m, "_FileStream");
+  stream.def(py::init<const std::string&, int, const std::string&, int, bool, bool>())
+      .def("read", &FileStream::Read)
+      .def_property_readonly("rate", &FileStream::GetRate)
+      .def_property_readonly("seconds", &FileStream::GetSeconds)
+      .def("describe", &FileStream::Describe);
+  RefuseCopies(stream, "_FileStream");
+
+  m.def("load", &Load, py::arg("path"), py::arg("raw_rate") = 0);
+  m.def("prepare", &PrepareArray, py::arg("samples"), py::arg("rate"));
+  m.def("segments", &Segments, py::arg("samples"), py::arg("rate"), py::arg("params") = "", py::arg("block_ms") = 20);
+  m.def("segments_with_volume", &SegmentsWithVolume, py::arg("samples"), py::arg("rate"), py::arg("params") = "",
+        py::arg("block_ms") = 20);
+  m.def("check_params", &CheckParams, py::arg("params"), py::arg("service"), py::arg("rate"));
+  m.def("label_text", &LabelText, py::arg("regions"), py::arg("format"), py::arg("file_id"), py::arg("duration"));
+  m.attr("ANALYSIS_RATES") = py::make_tuple(8000, 11025, 16000);
+  m.attr("MAX_LOOK_BACK_FRAMES") = kt::AudioAnalyzer::kMaxLookBackFrames;
 }

@@ -1,5 +1,5 @@
 """The module against the C++ classes (bench's ktfront_dump), the ktfront tool, and Dask."""
-import json, os, subprocess, sys, threading, wave
+import copy, csv, dataclasses, glob, json, os, pickle, re, signal, shutil, subprocess, sys, threading, time, wave
 import numpy as np, pytest
 import ktfront, ktfront.corpus as corpus
 
@@ -75,11 +75,16 @@ def test_errors_are_clear_and_lose_nothing(tmp_path):
     an, agc = ktfront.Analyzer(rate), ktfront.GainControl(rate)
     for call, error in [(lambda: an.update_parameters("SpeechWindowSizeMs=-40"), ValueError), (lambda: an.process(s.astype(np.int32)), TypeError),
                         (lambda: an.process([1, 2]), TypeError), (lambda: an.process(np.zeros((2, 160), np.int16)), ValueError),
-                        (lambda: an.process(s[::2]), ValueError), (lambda: an.process(b"\0" * 3), ValueError),
+                        (lambda: an.process(s.astype(np.int8)), TypeError), (lambda: an.process(np.zeros((2, 2, 2))), ValueError), (lambda: an.process(b"\0" * 3), ValueError),
                         (lambda: agc.compute_gain(s, 1.5), ValueError), (lambda: agc.compute_gain_u16(s, 65536), ValueError),
-                        (lambda: ktfront.load(tmp_path / "missing.wav"), OSError), (lambda: ktfront.load(tmp_path), OSError)]:
+                        (lambda: ktfront.load(tmp_path), IsADirectoryError), (lambda: ktfront.GainControl(16000.5), ValueError)]:
         with pytest.raises(error): call()
     assert [row(r) for r in an.process(s)] == expected
+    with pytest.raises(FileNotFoundError) as missing: ktfront.load(tmp_path / "missing.wav")
+    assert (missing.value.errno, missing.value.filename) == (2, str(tmp_path / "missing.wav"))
+    with pytest.raises(ValueError, match='invalid parameter string "EOSTimeoutMs=abc": Invalid format'): ktfront.check_params("EOSTimeoutMs=abc")
+    assert ktfront.check_params("EOSTimeoutMs=300;eosTimeoutMs=2") == ['the speech analyzer reads no key "eosTimeoutMs" (keys are case-sensitive)']
+    assert ktfront.check_params("DeltaGain=0.1", "gain_control") == [] and ktfront.check_params("EOSTimeoutMs=1", "gain_control")
     an2 = ktfront.Analyzer(rate, on_frame=lambda d: an2.process(s[:10]))
     with pytest.raises(RuntimeError, match="own callback"): an2.process(s)
     with pytest.raises(KeyError): ktfront.Analyzer(rate, on_frame=lambda d: {}["raised"]).process(s)
@@ -111,14 +116,167 @@ def test_gil_released_for_parallel_analyzers():
     t.join()
     assert not done_early and results["a"] == results["b"] == expected
 
-def test_dask_table_matches_serial(tmp_path):
+def test_arrays_read_as_the_tool_reads_files(tmp_path):
+    s, _ = ktfront.load(WAVS[2])
+    stereo = np.stack([np.repeat(s, 3), np.repeat(s, 3) // 3], axis=1)  # 48 kHz, frames x channels
+    with wave.open(str(tmp_path / "stereo.wav"), "wb") as w:
+        w.setparams((2, 2, 48000, 0, "NONE", "NONE")); w.writeframes(stereo.tobytes())
+    ref, rate = ktfront.load(tmp_path / "stereo.wav")  # the tool's reading
+    as_float = stereo.astype(np.float32) / 32768
+    for audio in (stereo, as_float, as_float.astype(np.float64), np.asfortranarray(stereo)):
+        assert ktfront.segments(audio, 48000) == ktfront.segments(ref, rate) == [(1.36, 4.4), (5.1, 7.48)]
+    for block in (960, 441, 4096):  # the streaming resampler gives the same samples however cut
+        rs = ktfront.Resampler(48000.0)
+        out = np.concatenate([rs.process(as_float[at:at + block]) for at in range(0, len(stereo), block)] + [rs.flush()])
+        assert rs.to_rate == 16000 and np.array_equal(out, ref)
+    full = np.array([1.0, -1.0, 2.0, -2.0, 0.5, 1 / 65536, -1 / 65536, np.nan], np.float32)
+    assert ktfront.Resampler(8000).process(full).tolist() == [32767, -32768, 32767, -32768, 16384, 1, -1, 0]
+    assert ktfront.Resampler(8000).process(np.array([[100, 301], [-3, -4]], np.int16)).tolist() == [201, -4]
+    for bad, error in [(s.astype(np.uint8), TypeError), (s.astype(np.int32), TypeError), (np.zeros((10, 100), np.int16), ValueError),
+                       ([0.5], TypeError), (np.zeros(4, np.complex64), TypeError)]:
+        with pytest.raises(error): ktfront.Resampler(48000).process(bad)
+    with pytest.raises(ValueError, match="unsupported sampling rate 7000"): ktfront.segments(s, 7000)
+    with pytest.raises(ValueError, match="to_rate"): ktfront.Resampler(48000, 22050)
+
+def test_results_are_values_that_pickle_and_services_that_refuse():
+    s, rate = ktfront.load(WAVS[0])
+    decisions, agc = [], ktfront.GainControl(rate)
+    results = ktfront.Analyzer(rate, frame_data=True, on_frame=decisions.append).process(s) + ktfront.Analyzer(rate).flush()
+    gains = [(agc.compute_gain(s[at:at + 160], 0.5), agc.last_decision)[1] for at in range(0, len(s), 160)]
+    values = results + decisions + [g for g in gains if g][:3] + [ktfront.Segment(1.0, 2.0), ktfront.Region(1.0, 2.0, s[:5])]
+    assert {type(v).__name__ for v in values} == {"Event", "Volume", "Frame", "FrameDecision", "GainDecision", "Segment", "Region"}
+    again = ktfront.Analyzer(rate, frame_data=True).process(s)
+    assert again == results and again is not results and pickle.loads(pickle.dumps(values)) == values
+    assert decisions[3].time_ms == 60.0 and ktfront.frames(s, rate)[3].time_ms == 60.0
+    frame = next(r for r in results if r.type == "frame")
+    assert frame != ktfront.Frame(**{**frame.__dict__, "samples": frame.samples + 1})
+    for v in values:  # every field shown
+        assert all(f"{f.name}=" in repr(v) for f in dataclasses.fields(v))
+    with pytest.raises(AttributeError): frame.is_speech = True
+    for service in (ktfront.Analyzer(rate), agc, ktfront.Resampler(rate), ktfront.Regions(rate)):
+        for copier in (pickle.dumps, copy.copy, copy.deepcopy):
+            with pytest.raises(TypeError, match="cannot be pickled or copied"): copier(service)
+    assert re.fullmatch(r"\d+\.\d+\.\d+", ktfront.__version__) and "Result" in dir(ktfront)
+
+@pytest.mark.skipif(not TOOL, reason="needs the ktfront tool")
+def test_files_streamed_and_labels_written_as_the_tool(tmp_path):
+    for path in WAVS:
+        s, rate = ktfront.load(path)
+        records = run_tool(path, "EOSTimeoutMs=300", 30)
+        streamed = list(ktfront.iter_segments(path, "EOSTimeoutMs=300", 30, volume=True))
+        assert [(x.start, x.end) for x in streamed if x.type == "segment"] == ktfront.segments(s, rate, "EOSTimeoutMs=300", 30)
+        assert [(x.time_ms, x.snr_volume_pct) for x in streamed if x.type == "volume"] == [
+            (r["timeMs"], r["snrVolumePct"]) for r in records if r["type"] == "volume"]
+        for fmt in ("audacity", "rttm", "textgrid"):
+            tool = subprocess.run([TOOL, "vad", "--format", fmt, path], capture_output=True, text=True, check=True).stdout
+            stem = os.path.splitext(os.path.basename(path))[0]
+            assert ktfront.write_labels(ktfront.regions(s, rate), tmp_path / "l", fmt, stem, len(s) / rate) == tool
+            assert open(tmp_path / "l").read() == tool
+    # The corpus's one-pass volume statistics against the readings of the whole file, in 20 ms blocks.
+    an = ktfront.Analyzer(rate)
+    readings = [r for at in range(0, len(s), rate // 50) for r in an.process(s[at:at + rate // 50]) + (an.flush() if at + rate // 50 >= len(s) else []) if r.type == "volume"]
+    inside = [[v for v in readings if row["start"] * 1000 < v.time_ms <= row["end"] * 1000] for row in corpus.segment_file(path, volume=True)]
+    expected = [(max(v.volume_dbfs for v in vs), sum(v.snr_volume_pct for v in vs) / len(vs)) for vs in inside]
+    assert [(r["peak_dbfs"], r["mean_snr_volume_pct"]) for r in corpus.segment_file(path, volume=True)] == expected
+    assert [(p, m) for _, _, p, m in ktfront.segments_with_volume(s, rate)] == expected
+    with pytest.raises(FileNotFoundError): next(ktfront.iter_segments(tmp_path / "none.wav"))
+    with pytest.raises(ValueError, match="Value out of range"): next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
+    (tmp_path / "bad.wav").write_bytes(b"RIFF....WAVEjunk")
+    with pytest.raises(OSError, match="bad.wav"): list(ktfront.iter_segments(tmp_path / "bad.wav"))
+
+def test_regions_post_processed_streamed_and_with_samples():
+    s, rate = ktfront.load(WAVS[2])  # segments (1.36, 4.4), (5.1, 7.48)
+    def spans(**kw): return [(round(r.start, 9), round(r.end, 9)) for r in ktfront.regions(s, rate, **kw)]
+    assert spans() == ktfront.segments(s, rate) == [(1.36, 4.4), (5.1, 7.48)]
+    assert spans(max_silence=0.7) == [(1.36, 7.48)] and spans(max_silence=0.69) == spans()
+    assert spans(min_duration=2.5) == [(1.36, 4.4)] and spans(min_duration=3.1) == []
+    assert spans(max_duration=1.0) == [(1.36, 2.36), (2.36, 3.36), (3.36, 4.36), (4.36, 4.4), (5.1, 6.1), (6.1, 7.1), (7.1, 7.48)]
+    assert spans(max_silence=1, min_duration=6.1, max_duration=3) == [(1.36, 4.36), (4.36, 7.36), (7.36, 7.48)]
+    # A 48 kHz float microphone in 10 ms callbacks, the file twice with a flush between.
+    mic, live, got = np.repeat(s, 3).astype(np.float32) / 32768, ktfront.Regions(48000, keep_samples=True, max_silence=0.7), []
+    rs = ktfront.Resampler(48000); heard = np.concatenate([rs.process(mic), rs.flush()])
+    for turn in range(2):
+        got += [r for at in range(0, len(mic), 480) for r in live.process(mic[at:at + 480])] + live.flush()
+    assert [(round(r.start, 9), round(r.end, 9)) for r in got] == [(1.36, 7.48), (round(len(s) / rate + 1.36, 9), round(len(s) / rate + 7.48, 9))]
+    assert all(np.array_equal(r.samples, heard[21760:119680]) for r in got)
+    with pytest.raises(ValueError): ktfront.Regions(rate, max_duration=0)
+
+@pytest.fixture(scope="session")
+def client():
     from dask.distributed import Client, LocalCluster
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, Client(cluster) as c:
+        yield c
+
+def test_dask_ships_package_functions_and_results(client, tmp_path):
     files = WAVS + [str(tmp_path / "missing.wav")]
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=False, dashboard_address=None) as cluster, Client(cluster) as client:
-        rows = corpus.run(files, tmp_path / "table.jsonl", client, volume=True, show_progress=False)
+    rows = corpus.run(files, tmp_path / "table.jsonl", client, volume=True, show_progress=False)
     assert rows == corpus.serial(files, volume=True) and len(rows) > len(files)
-    assert [json.loads(l) for l in open(tmp_path / "table.jsonl")] == rows
-    assert "No such file" in rows[-1]["error"] and all(r.get("peak_dbfs") is not None for r in rows[:-1])
+    assert sorted(map(json.dumps, rows)) == sorted(open(tmp_path / "table.jsonl").read().splitlines())
+    assert rows[-1]["error"].startswith("FileNotFoundError") and all(r.get("peak_dbfs") is not None for r in rows[:-1])
+    cli = run_corpus("-o", tmp_path / "cli.jsonl", "--volume", "--scheduler", client.scheduler.address, *files)
+    assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
+    s, rate = client.submit(ktfront.load, WAVS[1]).result()
+    assert client.submit(ktfront.frames, s, rate).result() == ktfront.frames(s, rate)
+    assert client.submit(ktfront.regions, s, rate, keep_samples=True).result() == ktfront.regions(s, rate, keep_samples=True)
+
+def run_corpus(*args, **kw):
+    return subprocess.Popen([sys.executable, "-m", "ktfront.corpus", *map(str, args)], stderr=subprocess.PIPE, text=True, **kw)
+
+def test_corpus_command_as_a_long_job(tmp_path):
+    table, files = tmp_path / "t.csv", WAVS + [str(tmp_path / "missing.wav")]
+    run = run_corpus("-o", table, "--workers", "2", "--params", "EOSTimeoutMs=300;Eos=1", *files)
+    assert run.wait(120) == 1 and 'reads no key "Eos"' in run.stderr.read()
+    expected = corpus.serial(files, "EOSTimeoutMs=300")
+    read = lambda: sorted([r["file"], r["start"], r["end"], r["error"][:17]] for r in csv.DictReader(open(table)))
+    written = read()
+    assert written == sorted([r["file"], str(r["start"] or ""), str(r["end"] or ""), r.get("error", "")[:17]] for r in expected)
+    for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table]):
+        bad = run_corpus(*args)
+        assert bad.wait(60) == 2 and bad.stderr.read().startswith("ktfront.corpus: error: ")
+    assert read() == written  # nothing was touched
+    many = tmp_path / "many"; many.mkdir()
+    for i in range(3000): os.symlink(WAVS[0], many / f"{i:04}.wav")
+    table = tmp_path / "long.csv"
+    run = run_corpus("-o", table, "--workers", "2", *sorted(glob.glob(str(many / "*.wav"))), start_new_session=True)
+    while not table.exists(): time.sleep(0.05)
+    while len(open(table).readlines()) < 4 and run.poll() is None: time.sleep(0.05)
+    os.killpg(run.pid, signal.SIGINT)  # Ctrl-C reaches the whole process group
+    assert run.wait(60) == 130 and run.stderr.read().strip().splitlines()[-1].startswith("ktfront.corpus: interrupted;")
+    done = {r["file"] for r in csv.DictReader(open(table))}
+    assert all(len([r for r in csv.DictReader(open(table)) if r["file"] == f]) == 2 for f in done)
+    last = open(table).read().splitlines()[-1]
+    with open(table, "a") as f: f.write(last[:len(last) // 2])  # a row cut short: its file is done again
+    todo = sorted(done) + sorted(set(glob.glob(str(many / "*.wav"))) - done)[:3]
+    resumed = run_corpus("-o", table, "--resume", *todo, "--workers", "1")
+    assert resumed.wait(120) == 0 and f"{len(done) - 1} already in" in resumed.stderr.read()
+    rows = list(csv.DictReader(open(table)))
+    assert len(rows) == 2 * (len(done) + 3) and len({r["file"] for r in rows}) == len(done) + 3
+
+DOCS = os.path.join(os.path.dirname(__file__), "../../docs/python.md")
+
+def test_docs_examples_run_and_type_check_against_the_stubs(tmp_path):
+    root = os.path.dirname(os.path.abspath(DOCS)) + "/.."
+    readme = re.findall(r"```python\n(.*?)```", open(os.path.join(root, "README.md")).read(), re.S)
+    blocks = re.findall(r"```python\n(.*?)```", open(DOCS).read(), re.S)
+    for i, block in enumerate(blocks + readme):
+        out = subprocess.run([sys.executable, "-c", block], cwd=root, capture_output=True, text=True, timeout=120)
+        assert out.returncode == 0, out.stderr
+        for shown in re.findall(r"print\(.*#\s*(.+)$", block, re.M) if i < len(blocks) else []:  # what a comment says is printed
+            assert shown.replace("\\t", "\t").strip() in out.stdout
+        (tmp_path / f"example{i}.py").write_text(block)
+    if not shutil.which("mypy"): pytest.skip("mypy is not installed")
+    env = {**os.environ, "MYPYPATH": os.environ.get("PYTHONPATH", "")}
+    cache = os.path.join(os.path.dirname(ktfront.__path__[0]), ".mypy_cache")  # numpy's stubs are read once per build
+    # Dask ships no types: calls into it are allowed, nothing else is relaxed.
+    (tmp_path / "mypy.ini").write_text(f"[mypy]\nstrict = True\ncache_dir = {cache}\n[mypy-dask.*,distributed.*,ktfront._ktfront]\n"
+        "ignore_missing_imports = True\n" + "".join(f"[mypy-example{i}]\ndisallow_untyped_calls = False\n" for i, b in enumerate(blocks) if "dask" in b))
+    out = subprocess.run(["mypy", "--config-file", "mypy.ini", *sorted(map(str, tmp_path.glob("*.py")))], capture_output=True, text=True, env=env, cwd=tmp_path)
+    assert out.returncode == 0, out.stdout
+    # The stubs against what runs; pybind11's classes have their own metaclass.
+    (tmp_path / "allow.txt").write_text("ktfront.Analyzer\nktfront.GainControl\nktfront.Resampler\n")
+    out = subprocess.run([sys.executable, "-m", "mypy.stubtest", "ktfront", "--mypy-config-file", "mypy.ini", "--allowlist", "allow.txt"],
+                         capture_output=True, text=True, env=env, cwd=tmp_path)
+    assert out.returncode == 0, out.stdout
 
 def test_load_reads_float_wav_at_its_true_level_and_refuses_headerless(tmp_path):
     s, rate = ktfront.load(WAVS[0])
