@@ -7,15 +7,7 @@
 #include <string>
 #include <vector>
 
-// The package exports the VAD's C functions without installing their header.
-extern "C" {
-struct WebRtcVadInst;
-WebRtcVadInst* WebRtcVad_Create();
-void WebRtcVad_Free(WebRtcVadInst* handle);
-int WebRtcVad_Init(WebRtcVadInst* handle);
-int WebRtcVad_set_mode(WebRtcVadInst* handle, int mode);
-int WebRtcVad_Process(WebRtcVadInst* handle, int fs, const int16_t* audio_frame, size_t frame_length);
-}
+#include "webrtc_vad.h"
 
 int main(int argc, char** argv) {
   if (argc != 4) {
