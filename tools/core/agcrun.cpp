@@ -39,25 +39,31 @@ const kt::AudioData& AgcRun::Process(const kt::AudioData& block) {
   for (size_t i = 0; i < block.size(); ++i) {
     _scaled[i] = static_cast<int16_t>(std::clamp(std::round(block[i] * gain), -32768.0, 32767.0));
   }
-  _samples += block.size();
-  const double timeS = static_cast<double>(_samples) / _rateHz;
-  if (!_agc) {
-    long newVolume = 0;
-    const int code = KTRAGC_ComputeGain(_scaled.data(), static_cast<unsigned int>(_scaled.size() * sizeof(int16_t)),
-                                        _volume, _bound, &newVolume);
-    if (code != 0) throw std::runtime_error("KTRAGC_ComputeGain returned " + std::to_string(code));
-    if (newVolume != _volume) {
-      Emit({timeS, static_cast<float>(newVolume) / static_cast<float>(_bound), std::nullopt,
-            GainRecord::Volume{newVolume, _bound}});
-    }
-    _volume = newVolume;
+  if (_agc) {
+    _gain = Compute(_scaled, _gain);
     return _scaled;
   }
-  _decision.reset();
-  const float newGain = _agc->ComputeGain(_scaled, _gain);
-  if (_decision || newGain != _gain) Emit({timeS, newGain, _decision, std::nullopt});
-  _gain = newGain;
+  _samples += block.size();
+  const double timeS = static_cast<double>(_samples) / _rateHz;
+  long newVolume = 0;
+  const int code = KTRAGC_ComputeGain(_scaled.data(), static_cast<unsigned int>(_scaled.size() * sizeof(int16_t)),
+                                      _volume, _bound, &newVolume);
+  if (code != 0) throw std::runtime_error("KTRAGC_ComputeGain returned " + std::to_string(code));
+  if (newVolume != _volume) {
+    Emit({timeS, static_cast<float>(newVolume) / static_cast<float>(_bound), std::nullopt,
+          GainRecord::Volume{newVolume, _bound}});
+  }
+  _volume = newVolume;
   return _scaled;
+}
+
+float AgcRun::Compute(const kt::AudioData& recorded, float gain) {
+  _samples += recorded.size();
+  const double timeS = static_cast<double>(_samples) / _rateHz;
+  _decision.reset();
+  const float newGain = _agc->ComputeGain(recorded, gain);
+  if (_decision || newGain != gain) Emit({timeS, newGain, _decision, std::nullopt});
+  return newGain;
 }
 
 }  // namespace ktcli

@@ -27,6 +27,9 @@ class AgcRun {
   // Plays the block through the gain in force, saturating to 16 bits, hands it to the
   // gain control and sets the gain it returns. Returns the block as recorded.
   const kt::AudioData& Process(const kt::AudioData& block);
+  // Hands the gain control a block already recorded at gain (a real recording volume, set
+  // by the caller) and returns the gain to set next. Classes only.
+  float Compute(const kt::AudioData& recorded, float gain);
 
  private:
   void Emit(const GainRecord& gain) { _sink(Record{_file, gain}); }

@@ -203,13 +203,12 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
     if (claim && (!lineEnd || claim < lineEnd)) _truncated = true;
   }
   _float = IsFloatFormat(_info.format);
-  _rateHz = AnalysisRateFor(_info.samplerate);
-  if (_rateHz == 0) {
+  try {
+    _converter = std::make_unique<MonoConverter>(_info.samplerate, _info.channels, _name);
+  } catch (...) {
     sf_close(_file);
-    throw std::runtime_error("unsupported sampling rate " + std::to_string(_info.samplerate) +
-                             " Hz in " + _name + ": at least 8000 Hz is needed");
+    throw;
   }
-  if (_rateHz != _info.samplerate) _resampler = std::make_unique<Resampler>(_info.samplerate, _rateHz);
   _sourceChunk.resize(static_cast<size_t>(kChunkFrames * _info.channels));
 }
 
@@ -244,39 +243,58 @@ bool AudioSource::Read() {
     }
     if (_framesRead == 0) throw std::runtime_error(_name + " holds no audio");
   }
-  _samples.clear();
-  if (channels == 1 && !_resampler) {
-    _samples.assign(_sourceChunk.begin(), _sourceChunk.end());
-  } else {
-    _mono.resize(static_cast<size_t>(frames));
-    const double scale = 1.0 / (static_cast<double>(channels) * 32768.0);
-    const short* in = _sourceChunk.data();
-    float* out = _mono.data();
-    if (channels == 2) {  // the common case, in a loop the compiler vectorises
-      for (size_t i = 0; i < _mono.size(); ++i) out[i] = static_cast<float>((in[2 * i] + in[2 * i + 1]) * scale);
-    } else {
-      for (size_t i = 0; i < _mono.size(); ++i) {
-        int sum = 0;
-        for (size_t c = 0; c < channels; ++c) sum += in[i * channels + c];
-        out[i] = static_cast<float>(sum * scale);
-      }
-    }
-    if (_resampler) {
-      _resampled.clear();
-      _resampler->Process(_mono, _resampled);
-      _mono.swap(_resampled);
-    }
-    _samples.resize(_mono.size());
-    for (size_t i = 0; i < _mono.size(); ++i) _samples[i] = ToSample(_mono[i]);
-  }
-  _samplesRead += _samples.size();
-  return frames > 0 || !_samples.empty();
+  _samples = &_converter->Convert(_sourceChunk.data(), static_cast<size_t>(frames));
+  _samplesRead += _samples->size();
+  return frames > 0 || !_samples->empty();
 }
 
-std::string AudioSource::Describe() const {
-  std::string text = _name + ": " + std::to_string(_rateHz) + " Hz";
-  if (_rateHz != _info.samplerate) text += ", resampled from " + std::to_string(_info.samplerate) + " Hz";
-  if (_info.channels > 1) text += ", " + std::to_string(_info.channels) + " channels mixed to mono";
+std::string AudioSource::Describe() const { return _name + ": " + _converter->Describe(); }
+
+MonoConverter::MonoConverter(int sourceRateHz, int channels, const std::string& name)
+    : _sourceRateHz(sourceRateHz),
+      _channels(static_cast<size_t>(channels)),
+      _rateHz(AudioSource::AnalysisRateFor(sourceRateHz)) {
+  if (_rateHz == 0) {
+    throw std::runtime_error("unsupported sampling rate " + std::to_string(sourceRateHz) + " Hz in " + name +
+                             ": at least 8000 Hz is needed");
+  }
+  if (_rateHz != sourceRateHz) _resampler = std::make_unique<Resampler>(sourceRateHz, _rateHz);
+}
+
+MonoConverter::~MonoConverter() = default;
+
+const kt::AudioData& MonoConverter::Convert(const short* frames, size_t count) {
+  _samples.clear();
+  if (_channels == 1 && !_resampler) {
+    _samples.assign(frames, frames + count);
+    return _samples;
+  }
+  _mono.resize(count);
+  const double scale = 1.0 / (static_cast<double>(_channels) * 32768.0);
+  float* out = _mono.data();
+  if (_channels == 2) {  // the common case, in a loop the compiler vectorises
+    for (size_t i = 0; i < count; ++i) out[i] = static_cast<float>((frames[2 * i] + frames[2 * i + 1]) * scale);
+  } else {
+    for (size_t i = 0; i < count; ++i) {
+      int sum = 0;
+      for (size_t c = 0; c < _channels; ++c) sum += frames[i * _channels + c];
+      out[i] = static_cast<float>(sum * scale);
+    }
+  }
+  if (_resampler) {
+    _resampled.clear();
+    _resampler->Process(_mono, _resampled);
+    _mono.swap(_resampled);
+  }
+  _samples.resize(_mono.size());
+  for (size_t i = 0; i < _mono.size(); ++i) _samples[i] = ToSample(_mono[i]);
+  return _samples;
+}
+
+std::string MonoConverter::Describe() const {
+  std::string text = std::to_string(_rateHz) + " Hz";
+  if (_rateHz != _sourceRateHz) text += ", resampled from " + std::to_string(_sourceRateHz) + " Hz";
+  if (_channels > 1) text += ", " + std::to_string(_channels) + " channels mixed to mono";
   return text;
 }
 

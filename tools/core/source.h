@@ -14,6 +14,32 @@ namespace ktcli {
 
 class Resampler;
 
+// Interleaved 16-bit frames at their own rate and channels, mixed to mono and resampled to
+// the rate the services run at: what every input goes through, files and live audio alike.
+class MonoConverter {
+ public:
+  // Throws std::runtime_error for a rate below 8000 Hz, naming the input.
+  MonoConverter(int sourceRateHz, int channels, const std::string& name);
+  ~MonoConverter();
+  MonoConverter(const MonoConverter&) = delete;
+  MonoConverter& operator=(const MonoConverter&) = delete;
+
+  // The analysis-rate samples these frames gave; no frames drain the resampler's tail.
+  const kt::AudioData& Convert(const short* frames, size_t count);
+  int GetRateHz() const { return _rateHz; }
+  // Which rate the services run at and how it was reached, after "NAME: ".
+  std::string Describe() const;
+
+ private:
+  int _sourceRateHz;
+  size_t _channels;
+  int _rateHz;
+  std::unique_ptr<Resampler> _resampler;
+  std::vector<float> _mono;
+  std::vector<float> _resampled;  // kept from chunk to chunk, so converting allocates nothing
+  kt::AudioData _samples;
+};
+
 class AudioSource {
  public:
   // path "-" reads standard input. rawRateHz > 0 reads headerless 16-bit little-endian
@@ -33,10 +59,10 @@ class AudioSource {
   bool Read();
   // This chunk: interleaved source frames, and the analysis-rate samples they gave.
   const std::vector<short>& GetSourceChunk() const { return _sourceChunk; }
-  const kt::AudioData& GetSamples() const { return _samples; }
+  const kt::AudioData& GetSamples() const { return *_samples; }
   uint64_t GetSamplesRead() const { return _samplesRead; }
 
-  int GetRateHz() const { return _rateHz; }
+  int GetRateHz() const { return _converter->GetRateHz(); }
   int GetSourceRateHz() const { return _info.samplerate; }
   int GetSourceChannels() const { return _info.channels; }
   const std::string& GetName() const { return _name; }
@@ -49,13 +75,10 @@ class AudioSource {
   std::string _name;
   SF_INFO _info{};
   SNDFILE* _file = nullptr;
-  int _rateHz = 0;
-  std::unique_ptr<Resampler> _resampler;
+  std::unique_ptr<MonoConverter> _converter;
   std::vector<short> _sourceChunk;
   std::vector<float> _floatChunk;
-  std::vector<float> _mono;
-  std::vector<float> _resampled;  // kept from chunk to chunk, so reading allocates nothing
-  kt::AudioData _samples;
+  const kt::AudioData* _samples = nullptr;
   uint64_t _framesRead = 0;
   uint64_t _samplesRead = 0;
   bool _ended = false;

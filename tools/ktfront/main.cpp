@@ -6,6 +6,9 @@
 
 #include "subcommand.h"
 #include "ktfront/version.h"
+#ifdef KTFRONT_HAVE_PULSE
+#include "live.h"
+#endif
 #include "output.h"
 
 namespace {
@@ -30,6 +33,16 @@ int main(int argc, char** argv) {
     runners[name] = declare(app);
     names += (names.empty() ? "" : ", ") + std::string(name);
   }
+#ifdef KTFRONT_HAVE_PULSE
+  runners["live"] = ktcli::DeclareLive(app);
+  names += ", live";
+#else
+  app.footer("This ktfront was built without libpulse, so it has no live command.");
+  if (argc > 1 && std::string(argv[1]) == "live") {
+    std::cerr << "ktfront: error: this ktfront was built without libpulse, so it has no live command\n";
+    return kExitUsage;
+  }
+#endif
 
   // CLI11 would take an unknown command for a stray argument; name it instead.
   const std::string first = argc > 1 ? argv[1] : "-";

@@ -66,6 +66,7 @@ void ReportRate(const AudioSource& source, bool interrupted);
 class LineBuffer {
  public:
   void Add(const std::string& text) { _text += text; }
+  bool IsEmpty() const { return _text.empty(); }
   void Flush();
 
  private:
