@@ -247,7 +247,8 @@ TEST(Vad, MemoryDoesNotGrowWithTheInput) {
     child.Finish(status, peakKb[minutes > 1]);
     EXPECT_EQ(status, 0);
   }
-  EXPECT_LT(peakKb[1], peakKb[0] + 2048) << peakKb[0] << " kB for 1 min";
+  // 15 minutes held in memory would be 79 MB; the sanitizer's allocator alone drifts by up to 3 MB.
+  EXPECT_LT(peakKb[1], peakKb[0] + 4096) << peakKb[0] << " kB for 1 min";
 }
 
 TEST(Split, WritesEachSegmentLiveAndKeepsThemWhenTheFileTurnsOutTruncated) {
