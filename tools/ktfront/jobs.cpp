@@ -86,6 +86,8 @@ std::vector<std::string> ExpandManifests(const std::vector<std::string>& argumen
     }
   }
   if (files.empty()) throw UsageError("no recordings given");
+  // Standard input can be read once only: a second reader would find it consumed.
+  if (std::count(files.begin(), files.end(), "-") > 1) throw UsageError("- (standard input) can be given once only");
   return files;
 }
 

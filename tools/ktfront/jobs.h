@@ -11,7 +11,8 @@ namespace ktcli {
 int DefaultJobs();
 
 // Replaces every "@list.txt" by the paths it lists, one a line (blank lines and "#"
-// comments skipped; relative paths are taken from the list's own directory).
+// comments skipped; relative paths are taken from the list's own directory). Refuses "-"
+// more than once.
 std::vector<std::string> ExpandManifests(const std::vector<std::string>& arguments);
 
 // Runs task(i) for every i below count on up to jobs threads, in index order as workers

@@ -127,12 +127,12 @@ Runner DeclarePlot(CLI::App& app) {
   command->add_option("--labels-id", options->labelsId, "The RTTM recording ID to draw (default: the recording's stem)");
   command->add_flag("--agc", options->agc, "Add the gain trajectory of a closed-loop gain control run");
   command->add_option("--agc-params", options->agcParams, "Gain-control parameter string for --agc");
-  command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(CLI::NonNegativeNumber);
+  command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(Within(0, 1e9));
   command->add_option("--to", options->toS, "Show the recording up to this time (s); default its end")
-      ->check(CLI::PositiveNumber);
+      ->check(Within(0, 1e9));
   command->add_option("--start-gain", options->startGain, "Start gain for --agc")
       ->capture_default_str()
-      ->check(CLI::Range(0.0, 1.0));
+      ->check(Within(0, 1));
   return [options] {
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
     return RunPlot(*options);

@@ -29,7 +29,6 @@ struct VadOptions {
 };
 
 std::unique_ptr<RecordWriter> MakeWriter(const VadOptions& options, const std::string& name) {
-  // A label format wins over --json.
   if (options.format != "plain" && options.format != "json") {
     return std::make_unique<LabelWriter>(ParseLabelFormat(options.format), StemOf(name));
   }
@@ -82,6 +81,10 @@ Runner DeclareVad(CLI::App& app) {
   command->add_flag("--json", options->json, "Print every result as JSON Lines");
   return [options] {
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
+    const bool labels = options->format != "plain" && options->format != "json";
+    if (labels && (options->json || options->volume || options->frames)) {
+      throw UsageError("--format " + options->format + " writes segments only: it takes no --json, --volume or --frames");
+    }
     if (options->format == "json") options->json = true;
     // The C interface holds one analyzer for the whole process.
     return RunEach(ExpandManifests(options->files), options->api == "c" ? 1 : options->jobs,

@@ -472,4 +472,64 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
   EXPECT_NE(eval.err.find("reads no key \"EOSTimeoutMS\""), std::string::npos) << eval.err;
 }
 
+// Numbers that are not finite or out of range, stdin twice and options that would be dropped
+// are usage errors of one line that echo at most 200 characters of what was given.
+TEST(Options, BadValuesAndConflictsAreRefusedBeforeAnyWork) {
+  const std::string sample = Sample("message_8000"), labels = Sample("message_8000", ".labels");
+  const std::string huge = "EOSTimeoutMs=" + std::string(5000, '7') + "x=";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"agc --start-gain nan " + sample, "--start-gain: \"nan\" is not a number from 0 to 1"},
+      {"agc --start-gain 1.5 " + sample, "not a number from 0 to 1"},
+      {"plot --start-gain -inf -o x.svg " + sample, "not a number from 0 to 1"},
+      {"eval --collar nan --labels " + labels + " " + sample, "--collar: \"nan\""},
+      {"tune --time nan --labels " + labels + " " + sample, "--time: \"nan\""},
+      {"plot --from nan -o x.svg " + sample, "--from: \"nan\""},
+      {"vad --rate 0 " + sample, "--rate: \"0\" is not a whole number from 1 to 10000000"},
+      {"vad --block-ms 2.5 " + sample, "not a whole number from 1 to 60000"},
+      {"vad --jobs 1e400 " + sample + " " + sample, "--jobs"},
+      {"vad - " + sample + " - <" + sample, "- (standard input) can be given once only"},
+      {"vad --format audacity --json " + sample, "--format audacity writes segments only"},
+      {"vad --format rttm --volume " + sample, "takes no --json, --volume or --frames"},
+      {"agc --bound 5 " + sample, "--bound needs --api c"},
+      {"vad --rate " + std::string(300, '9') + " " + sample, "... (300 characters)"}};
+  for (const auto& [args, message] : cases) {
+    const Cli run(args);
+    EXPECT_EQ(run.status, 2) << args;
+    EXPECT_NE(run.err.find(message), std::string::npos) << args << "\n" << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_LT(run.err.size(), 330u) << args;
+    EXPECT_EQ(run.out, "") << args;
+  }
+  const Cli refused("vad --params \"" + huge + "\" " + sample);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("invalid parameter string \"EOSTimeoutMs=777"), std::string::npos) << refused.err;
+  EXPECT_NE(refused.err.find("... (5015 characters)\": Invalid format"), std::string::npos) << refused.err;
+  EXPECT_LT(refused.err.size(), 330u);
+}
+
+// Unknown keys and values read only in part are named once per key, in every subcommand, and
+// the library still reads what it always read: EOSTimeoutMs=3e2 behaves as EOSTimeoutMs=3.
+TEST(Options, ParameterValuesReadOnlyInPartAreNamedOncePerKey) {
+  const std::string sample = Sample("message_8000"), labels = Sample("message_8000", ".labels");
+  const std::string vad = "\"EOSTimeoutMs=3e2;SpeechWindowFraction= 0.25x ;Foo=1;Foo=2;FullScaleSNR=24\"";
+  const std::vector<std::string> commands = {
+      "vad --params " + vad + " " + sample + " " + sample, "split -o /dev/null --params " + vad + " " + sample,
+      "eval --params " + vad + " --labels " + labels + " " + sample, "plot -o /dev/null.svg --params " + vad + " " + sample};
+  for (const std::string& command : commands) {
+    const std::string err = Cli(command).err;
+    for (const char* warning : {"warning: EOSTimeoutMs=3e2 is read as 3\n", "warning: SpeechWindowFraction=0.25x is read as 0.25\n",
+                                "warning: the speech analyzer reads no key \"Foo\""}) {
+      const size_t at = err.find(warning);
+      EXPECT_NE(at, std::string::npos) << command << "\n" << err;
+      EXPECT_EQ(err.find(warning, at + 1), std::string::npos) << command << "\n" << err;
+    }
+    EXPECT_EQ(err.find("FullScaleSNR"), std::string::npos) << err;
+  }
+  EXPECT_EQ(Cli("vad --params EOSTimeoutMs=3e2 " + sample).out, Cli("vad --params EOSTimeoutMs=3 " + sample).out);
+  EXPECT_NE(Cli("vad --params EOSTimeoutMs=3 " + sample).out, Cli("vad --params EOSTimeoutMs=300 " + sample).out);
+  const std::string agc = Cli("agc --params \"LeastGain=1e-2junk;RelativeGain=true\" " + sample).err;
+  EXPECT_NE(agc.find("warning: LeastGain=1e-2junk is read as 1e-2\n"), std::string::npos) << agc;
+  EXPECT_EQ(agc.find("RelativeGain"), std::string::npos) << agc;
+}
+
 }  // namespace
