@@ -15,6 +15,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -274,6 +275,32 @@ TEST(Split, WritesEachSegmentLiveAndKeepsThemWhenTheFileTurnsOutTruncated) {
     }
     EXPECT_TRUE(found) << i;
   }
+}
+
+// Recordings sharing a stem get directories of their own, even beside one named like the
+// first free one; every printed path is a file of its own.
+TEST(Split, NeverWritesTwoSegmentsToOnePath) {
+  Dir dir;
+  for (const char* sub : {"a", "b", "c"}) fs::create_directory(dir / sub);
+  for (const char* copy : {"a/x.wav", "b/x.wav", "c/x-1.wav"}) fs::copy_file(Sample("message_8000"), dir / copy);
+  const Cli run("split " + (dir / "a/x.wav") + " " + (dir / "b/x.wav") + " " + (dir / "c/x-1.wav") + " -o " + (dir / "out"));
+  EXPECT_EQ(run.status, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::vector<std::string> paths;
+  for (std::string path; lines >> path;) {
+    if (path.find(".wav") != std::string::npos) paths.push_back(path);
+  }
+  size_t files = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(dir / "out")) files += entry.is_regular_file();
+  EXPECT_EQ(files, paths.size()) << run.out;
+  EXPECT_EQ(std::set<std::string>(paths.begin(), paths.end()).size(), paths.size());
+  EXPECT_EQ(paths.size() % 3, 0u);
+  EXPECT_EQ(paths.front(), dir / "out/x-2/0001.wav") << "x-1 belongs to c/x-1.wav";
+  EXPECT_EQ(paths.back().find(dir / "out/x-1/"), 0u) << run.out;
+  const Cli twice("split " + (dir / "a/x.wav") + " " + (dir / "a/x.wav") + " -o " + (dir / "again"));
+  EXPECT_EQ(twice.status, 2);
+  EXPECT_NE(twice.err.find("is given twice"), std::string::npos) << twice.err;
+  EXPECT_FALSE(fs::exists(dir / "again"));
 }
 
 TEST(Agc, RaisesAQuietRecordingLowersAClippedOneAndReportsEachLoggedDecision) {
