@@ -64,7 +64,7 @@ int RunAgc(const AgcOptions& options) {
   LineBuffer out;
   std::unique_ptr<RecordWriter> writer;
   if (options.json) {
-    writer = std::make_unique<JsonLinesWriter>();
+    writer = std::make_unique<JsonLinesWriter>(options.files.size() > 1);
   } else {
     writer = std::make_unique<PlainWriter>(false, false);
   }
@@ -116,6 +116,7 @@ Runner DeclareAgc(CLI::App& app) {
     options->boundGiven = command->count("--bound") > 0;
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
     const std::vector<std::string> inputs = ExpandManifests(options->files);
+    options->files = inputs;
     if (inputs.size() > 1 && (!options->outputWav.empty() || !options->logPath.empty())) {
       throw UsageError("-o and --log take one recording at a time");
     }
@@ -124,7 +125,7 @@ Runner DeclareAgc(CLI::App& app) {
       AgcOptions one = *options;
       one.input.path = path;
       return RunAgc(one);
-    });
+    }, options->json ? JsonFraming() : PlainFraming());
   };
 }
 

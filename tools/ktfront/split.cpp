@@ -197,7 +197,7 @@ Runner DeclareSplit(CLI::App& app) {
       one.input.path = path;
       if (inputs.size() > 1) one.directory = directories.at(path);
       return RunSplit(one);
-    });
+    }, PlainFraming());
   };
 }
 

@@ -287,8 +287,8 @@ TEST(Split, NeverWritesTwoSegmentsToOnePath) {
   EXPECT_EQ(run.status, 0) << run.err;
   std::istringstream lines(run.out);
   std::vector<std::string> paths;
-  for (std::string path; lines >> path;) {
-    if (path.find(".wav") != std::string::npos) paths.push_back(path);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("==> ", 0) != 0) paths.push_back(line.substr(0, line.find(' ')));
   }
   size_t files = 0;
   for (const auto& entry : fs::recursive_directory_iterator(dir / "out")) files += entry.is_regular_file();
@@ -497,6 +497,43 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
   const Cli eval("eval --params EOSTimeoutMS=1 " + sample);
   EXPECT_EQ(eval.status, 0);
   EXPECT_NE(eval.err.find("reads no key \"EOSTimeoutMS\""), std::string::npos) << eval.err;
+}
+
+// Several files: in command-line order whatever the jobs, each named in every format, and a
+// file that fails says so where its output would be.
+TEST(ManyFiles, OutputIsOrderedAndNamesEachFileAndEachFailure) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  std::vector<short> long_ = ReadAudio(Sample("forecast_16000"), rate, channels), one = long_;
+  for (int i = 0; i < 40; ++i) long_.insert(long_.end(), one.begin(), one.end());  // 5 minutes, held back
+  WriteAudio(dir / "long.wav", long_, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  const std::string files = (dir / "long.wav") + " " + (dir / "missing.wav") + " " + Sample("message_8000");
+  const Cli plain("vad -j 3 " + files);
+  EXPECT_EQ(plain.status, 1);
+  const std::string alone = Cli("vad " + Sample("message_8000")).out, first = Cli("vad " + (dir / "long.wav")).out;
+  EXPECT_EQ(plain.out, "==> " + (dir / "long.wav") + " <==\n" + first + "==> " + (dir / "missing.wav") +
+                           " <==\nerror: cannot read " + (dir / "missing.wav") + ": No such file or directory\n==> " +
+                           Sample("message_8000") + " <==\n" + alone);
+  const Cli json("vad --json -j 3 " + files);
+  std::istringstream lines(json.out);
+  std::vector<std::string> order;
+  size_t records = 0;
+  for (std::string line; std::getline(lines, line); ++records) {
+    const nlohmann::json record = nlohmann::json::parse(line);
+    const std::string file = record.at("file");
+    if (order.empty() || order.back() != file) order.push_back(file);
+    if (record["type"] == "error") {
+      EXPECT_NE(record["message"].get<std::string>().find("No such file"), std::string::npos);
+    }
+  }
+  EXPECT_GT(records, 10000u);
+  EXPECT_EQ(order, (std::vector<std::string>{dir / "long.wav", dir / "missing.wav", Sample("message_8000")}));
+  const Cli rttm("vad --format rttm " + files);
+  EXPECT_NE(rttm.out.find("\n;; error: " + (dir / "missing.wav") + ": cannot read"), std::string::npos) << rttm.out;
+  EXPECT_NE(rttm.out.find("SPEAKER message_8000 1 1.060 3.460"), std::string::npos) << rttm.out;
+  const Cli audacity("vad --format audacity " + files);
+  EXPECT_EQ(audacity.status, 2);
+  EXPECT_NE(audacity.err.find("holds one recording"), std::string::npos) << audacity.err;
 }
 
 // Numbers that are not finite or out of range, stdin twice and options that would be dropped
