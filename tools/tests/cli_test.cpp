@@ -277,6 +277,33 @@ TEST(Split, WritesEachSegmentLiveAndKeepsThemWhenTheFileTurnsOutTruncated) {
   }
 }
 
+// A window is either end alone or both, within the recording, and draws only its frames.
+TEST(Plot, WindowsLieWithinTheRecordingAndDrawOnlyTheirFrames) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  std::vector<short> long_ = ReadAudio(Sample("forecast_16000"), rate, channels), one = long_;
+  for (int i = 0; i < 20; ++i) long_.insert(long_.end(), one.begin(), one.end());
+  WriteAudio(dir / "long.wav", long_, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  auto svgBytes = [&](const std::string& window) {
+    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / "long.wav"));
+    EXPECT_EQ(run.status, 0) << window << run.err;
+    return fs::file_size(dir / "p.svg");
+  };
+  const auto whole = svgBytes(""), late = svgBytes("--from 150"), early = svgBytes("--to 5"), mid = svgBytes("--from 60 --to 65");
+  EXPECT_LT(early * 2, whole);
+  EXPECT_LT(mid * 2, whole);
+  EXPECT_LT(late * 2, whole) << "--from alone is a window to the end";
+  EXPECT_GT(late, mid) << "--from alone is more than a short window";
+  for (const std::string window : {"--from 185", "--to 190", "--from 9 --to 8", "--from 181 --to 182", "--from 180.2"}) {
+    fs::remove(dir / "p.svg");
+    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / "long.wav"));
+    EXPECT_EQ(run.status, 2) << window;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_FALSE(fs::exists(dir / "p.svg")) << window;
+  }
+  EXPECT_NE(Cli("plot --from 185 -o " + (dir / "p.svg") + " " + (dir / "long.wav")).err.find("recording lasts 180.151 s"), std::string::npos);
+}
+
 // Recordings sharing a stem get directories of their own, even beside one named like the
 // first free one; every printed path is a file of its own.
 TEST(Split, NeverWritesTwoSegmentsToOnePath) {
