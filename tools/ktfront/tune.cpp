@@ -368,7 +368,7 @@ Runner DeclareTune(CLI::App& app) {
                       "whose first group names the group (default: each recording its own)");
   command->add_option("--folds", options->folds, "Folds of cross-validation over the groups (0: none)")
       ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->check(Within(0, 1000, true));
   command->add_option("--seed", options->seed, "Seed of the random phase")->capture_default_str();
   command->add_option("--evals", options->evaluations, "Parameter strings to try at most")
       ->capture_default_str()
