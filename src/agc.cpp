@@ -432,6 +432,10 @@ std::map<std::string, std::string> AGC::GetParameterDefaults() {
   return std::move(defaults);
 }
 
+std::map<std::string, std::string> AGC::GetParameterReadTexts(const std::string& params) {
+  return Parameters(params).GetReadTexts([](auto&& f) { ForEachKey(f); });
+}
+
 float AGC::NewGain(float currentGain, bool increase, int stepSize) {
   _h.Reset();  // levels measured at the old gain no longer apply
   return ComputeGain(currentGain, increase, stepSize);

@@ -162,6 +162,10 @@ class AGC {
   KTFRONT_API static std::vector<std::string> GetParameterKeys();
   // Each of those keys with the value it takes when absent, as a parameter string writes it.
   KTFRONT_API static std::map<std::string, std::string> GetParameterDefaults();
+  // Each key of the string that is read, with the part of its value that is read (leading
+  // blanks skipped; the rest is ignored, as Parameters::Get does; empty when it cannot be
+  // read). Throws std::invalid_argument("Invalid format") when the string is malformed.
+  KTFRONT_API static std::map<std::string, std::string> GetParameterReadTexts(const std::string& params);
 
   static int GetFrameSizeMs() { return 20; }
 

@@ -292,6 +292,15 @@ std::map<std::string, std::string> AudioAnalyzer::GetParameterDefaults() {
   return std::move(defaults);
 }
 
+std::map<std::string, std::string> AudioAnalyzer::GetParameterReadTexts(const std::string& params) {
+  const Parameters parsed(params);
+  std::map<std::string, std::string> read = parsed.GetReadTexts([](auto&& f) { ForEachKey(f); });
+  for (const auto& entry : EnergyHistogram::GetReadTexts(parsed)) {
+    if (!IsSetFromMs(entry.first)) read.insert(entry);
+  }
+  return read;
+}
+
 void AudioAnalyzer::Flush() {
   Process(_writeIndex);
   GenerateFrameResults(_writeIndex - 1);

@@ -187,6 +187,10 @@ class AudioAnalyzer {
   // Each of those keys with the value it takes when absent, as a parameter string writes
   // it ("EOSTimeoutMs": its value after construction; later an absent key keeps the last).
   KTFRONT_API static std::map<std::string, std::string> GetParameterDefaults();
+  // Each key of the string that is read, with the part of its value that is read (leading
+  // blanks skipped; the rest is ignored, as Parameters::Get does; empty when it cannot be
+  // read). Throws std::invalid_argument("Invalid format") when the string is malformed.
+  KTFRONT_API static std::map<std::string, std::string> GetParameterReadTexts(const std::string& params);
 
   // A refused time-out throws std::invalid_argument("Value out of range") and changes nothing.
   KTFRONT_API void SetEOSTimeout(int timeoutMs);

@@ -74,6 +74,11 @@ class EnergyHistogram {
     return defaults;
   }
 
+  // Each of its keys in the string with the part of the value it reads.
+  static std::map<std::string, std::string> GetReadTexts(const Parameters& params) {
+    return params.GetReadTexts([](auto&& f) { ForEachKey(f); });
+  }
+
   bool IsThresholdComputed() const { return _index >= _minWindowSize; }
 
   double GetThreshold(bool isSpeechState) const {

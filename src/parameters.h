@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace kt {
@@ -65,6 +66,32 @@ class Parameters : public std::map<std::string, std::string> {
   }
 
   bool Exists(const std::string& key) const { return find(key) != end(); }
+
+  // The part of a present key's value that Get<T> reads, without leading blanks; empty when
+  // Get<T> would throw. A const char* key is read as std::string.
+  template <typename T>
+  std::string GetReadText(const std::string& key) const {
+    using Read = typename std::conditional<std::is_same<T, const char*>::value, std::string, T>::type;
+    const std::string& text = at(key);
+    std::istringstream stream(text);
+    Read value{};
+    stream >> value;
+    if (stream.fail()) return std::string();
+    const std::string::size_type first = text.find_first_not_of(" \t\n\v\f\r");
+    const std::streamoff stop = stream.eof() ? static_cast<std::streamoff>(text.size()) : std::streamoff(stream.tellg());
+    return text.substr(first, static_cast<std::string::size_type>(stop) - first);
+  }
+
+  // Each key of this string that ForEachKey names, with GetReadText of its value.
+  template <typename F>
+  std::map<std::string, std::string> GetReadTexts(F&& forEachKey) const {
+    std::map<std::string, std::string> read;
+    forEachKey([&](const auto& key) {
+      using T = typename std::decay<decltype(key.defaultValue)>::type;
+      if (Exists(key.name)) read[key.name] = GetReadText<T>(key.name);
+    });
+    return read;
+  }
 
  private:
   // Fields between separator characters; runs of separators count as one, no empty field.

@@ -69,7 +69,15 @@ struct ToJson {
 
 }  // namespace
 
-std::string JsonLinesWriter::Take(const Record& record) { return std::visit(ToJson{}, record.body).dump() + "\n"; }
+std::string JsonLinesWriter::Take(const Record& record) {
+  Json json = std::visit(ToJson{}, record.body);
+  if (_nameFile && record.file) json["file"] = *record.file;
+  return json.dump() + "\n";
+}
+
+std::string JsonLinesWriter::Failure(const std::string& file, const std::string& why) {
+  return Json{{"type", "error"}, {"file", file}, {"message", why}}.dump() + "\n";
+}
 
 bool ParseJsonSegment(const std::string& line, Region& region) {
   nlohmann::json record;

@@ -28,10 +28,17 @@ class PlainWriter : public RecordWriter {
   bool _frames;
 };
 
-// Every record as one JSON object a line (jsonlines.cpp).
+// Every record as one JSON object a line (jsonlines.cpp); with nameFile, each also has a
+// "file" field, the record's file, as when several files share one output.
 class JsonLinesWriter : public RecordWriter {
  public:
+  explicit JsonLinesWriter(bool nameFile = false) : _nameFile(nameFile) {}
   std::string Take(const Record& record) override;
+  // The line that stands for a file that failed: {"type":"error","file":...,"message":...}.
+  static std::string Failure(const std::string& file, const std::string& why);
+
+ private:
+  bool _nameFile;
 };
 
 // Segments as a label file: each as soon as it is found, TextGrid (which states its length

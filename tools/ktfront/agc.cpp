@@ -25,6 +25,7 @@ struct AgcOptions {
   std::string api = "classes";
   float startGain = 0.5f;
   long bound = 100;
+  bool boundGiven = false;
   std::string outputWav;
   std::string logPath;
   bool json = false;
@@ -37,6 +38,9 @@ int RunAgc(const AgcOptions& options) {
   }
   if (throughC && !options.logPath.empty()) {
     throw UsageError("--log needs --api classes: the C interface writes no diagnostic log");
+  }
+  if (!throughC && options.boundGiven) {
+    throw UsageError("--bound needs --api c: the classes take the gain itself, not a volume scale");
   }
   if (!throughC) Warn(CheckAgcParams(options.params));
   if (options.outputWav == "-" && options.logPath == "-") {
@@ -60,7 +64,7 @@ int RunAgc(const AgcOptions& options) {
   LineBuffer out;
   std::unique_ptr<RecordWriter> writer;
   if (options.json) {
-    writer = std::make_unique<JsonLinesWriter>();
+    writer = std::make_unique<JsonLinesWriter>(options.files.size() > 1);
   } else {
     writer = std::make_unique<PlainWriter>(false, false);
   }
@@ -100,17 +104,19 @@ Runner DeclareAgc(CLI::App& app) {
   AddApiOption(command, options->api);
   command->add_option("--start-gain", options->startGain, "Gain in force for the first block")
       ->capture_default_str()
-      ->check(CLI::Range(0.0, 1.0));
+      ->check(Within(0, 1));
   command->add_option("--bound", options->bound, "Top of the volume scale of the C interface")
       ->capture_default_str()
-      ->check(CLI::Range(1L, 1000000000L));
+      ->check(Within(1, 1e9, true));
   command->add_option("-o,--output", options->outputWav,
                       "Write the recording as the simulated volume let it through (WAV)");
   command->add_option("--log", options->logPath, "Write the full diagnostic log");
   command->add_flag("--json", options->json, "Print every gain update as JSON Lines");
-  return [options] {
+  return [options, command] {
+    options->boundGiven = command->count("--bound") > 0;
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
     const std::vector<std::string> inputs = ExpandManifests(options->files);
+    options->files = inputs;
     if (inputs.size() > 1 && (!options->outputWav.empty() || !options->logPath.empty())) {
       throw UsageError("-o and --log take one recording at a time");
     }
@@ -119,7 +125,7 @@ Runner DeclareAgc(CLI::App& app) {
       AgcOptions one = *options;
       one.input.path = path;
       return RunAgc(one);
-    });
+    }, options->json ? JsonFraming() : PlainFraming());
   };
 }
 

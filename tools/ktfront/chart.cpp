@@ -319,7 +319,10 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
 void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const {
   const double frameS = _data.frameMs / 1000.0;
   bool drawing = false;
-  for (size_t i = 0; i < _data.frames.size(); ++i) {
+  // Only the window's frames, and one on either side so that the lines reach its edges.
+  const size_t first = static_cast<size_t>(std::max(0.0, std::floor(_fromS / frameS) - 1));
+  const size_t end = std::min(_data.frames.size(), static_cast<size_t>(std::ceil(_toS / frameS)) + 1);
+  for (size_t i = first; i < end; ++i) {
     const double v = _data.frames[i].*value;
     if (std::isnan(v)) {
       drawing = false;

@@ -248,7 +248,7 @@ Runner DeclareEval(CLI::App& app) {
                       "The RTTM recording ID to score against (default: each recording's stem)");
   AddParamsOption(command, options->params, "Analyzer");
   command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
-      ->check(CLI::NonNegativeNumber);
+      ->check(Within(0, 1e6));
   command->add_flag("--json", options->json, "One JSON object per file and one for the total");
   AddJobsOption(command, options->jobs, "Files to work on at once (default: one per core)");
   AddBlockOption(command, options->blockMs);

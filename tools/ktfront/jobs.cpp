@@ -17,6 +17,7 @@
 
 #include "subcommand.h"
 #include "output.h"
+#include "writers.h"
 
 namespace ktcli {
 namespace {
@@ -86,6 +87,8 @@ std::vector<std::string> ExpandManifests(const std::vector<std::string>& argumen
     }
   }
   if (files.empty()) throw UsageError("no recordings given");
+  // Standard input can be read once only: a second reader would find it consumed.
+  if (std::count(files.begin(), files.end(), "-") > 1) throw UsageError("- (standard input) can be given once only");
   return files;
 }
 
@@ -113,23 +116,45 @@ std::vector<std::string> ParallelFor(size_t count, int jobs, const std::function
   return errors;
 }
 
-int RunEach(const std::vector<std::string>& files, int jobs, const std::function<int(const std::string&)>& run) {
+int RunEach(const std::vector<std::string>& files, int jobs, const std::function<int(const std::string&)>& run,
+            const Framing& framing) {
   if (files.size() == 1) return run(files[0]);
   LineAtomicBuffer errorLines;
   std::streambuf* const previous = std::cerr.rdbuf(&errorLines);
-  std::vector<std::string> outputs(files.size());
+  std::vector<std::string> held(files.size());
   std::vector<char> done(files.size(), 0);
   std::vector<int> status(files.size(), 0);
   std::mutex mutex;
-  size_t printed = 0;
-  std::atomic<bool> closed{false};
+  std::condition_variable turn;
+  size_t head = 0;  // the file whose output goes out as it comes
+  bool closed = false;
+  // Called with the lock held: writes what the head holds, and moves past finished files.
+  auto advance = [&]() {
+    for (;;) {
+      try {
+        if (!closed) WriteStandardOut(held[head]);
+      } catch (const ClosedPipe&) {
+        closed = true;
+      }
+      std::string().swap(held[head]);
+      if (!done[head] || ++head == files.size()) break;
+    }
+    turn.notify_all();
+  };
+  auto take = [&](size_t i, const std::string& text) {
+    std::unique_lock<std::mutex> lock(mutex);
+    held[i] += text;
+    if (i != head && held[i].size() > kHeldBytes) turn.wait(lock, [&] { return i == head || closed; });
+    if (closed) throw ClosedPipe();
+    if (i == head) advance();
+  };
   const std::vector<std::string> errors = ParallelFor(files.size(), jobs, [&](size_t i) {
-    CaptureOut(&outputs[i]);
+    CaptureOut([&, i](const std::string& text) { take(i, text); });
     std::string why;
     try {
+      if (framing.header) WriteOut(framing.header(files[i]));
       status[i] = run(files[i]);
     } catch (const ClosedPipe&) {
-      closed = true;
     } catch (const UsageError& e) {
       why = e.what();
       status[i] = 2;
@@ -138,26 +163,31 @@ int RunEach(const std::vector<std::string>& files, int jobs, const std::function
       status[i] = 1;
     }
     CaptureOut(nullptr);
+    std::lock_guard<std::mutex> lock(mutex);
     if (!why.empty()) {
       // Most messages name the file already.
       std::cerr << "ktfront: error: " << (why.find(files[i]) == std::string::npos ? files[i] + ": " : "") << why << "\n";
+      if (framing.failure) held[i] += framing.failure(files[i], why);
     }
-    std::lock_guard<std::mutex> lock(mutex);
     done[i] = 1;
-    for (; printed < files.size() && done[printed]; ++printed) {
-      try {
-        if (!closed) WriteOut(outputs[printed]);
-      } catch (const ClosedPipe&) {
-        closed = true;
-      }
-      std::string().swap(outputs[printed]);
-    }
+    if (i == head) advance();
   });
   std::cerr.rdbuf(previous);
   if (closed) throw ClosedPipe();
   int worst = 0;
   for (size_t i = 0; i < files.size(); ++i) worst = std::max(worst, errors[i].empty() ? status[i] : 1);
   return worst;
+}
+
+Framing PlainFraming() {
+  return {[](const std::string& file) { return "==> " + file + " <==\n"; },
+          [](const std::string&, const std::string& why) { return "error: " + why + "\n"; }};
+}
+
+Framing JsonFraming() { return {nullptr, JsonLinesWriter::Failure}; }
+
+Framing RttmFraming() {
+  return {nullptr, [](const std::string& file, const std::string& why) { return ";; error: " + file + ": " + why + "\n"; }};
 }
 
 void MakeDirectory(const std::string& path) {

@@ -13,7 +13,7 @@ namespace {
 
 volatile std::sig_atomic_t gInterrupted = 0;
 int gNullFd = -1;
-thread_local std::string* tCapture = nullptr;
+thread_local std::function<void(const std::string&)> tCapture;
 
 // Standard input becomes /dev/null: a read blocked on a live pipe ends as at its end.
 void OnInterrupt(int) {
@@ -23,13 +23,17 @@ void OnInterrupt(int) {
 
 }  // namespace
 
-void CaptureOut(std::string* into) { tCapture = into; }
+void CaptureOut(std::function<void(const std::string&)> take) { tCapture = std::move(take); }
 
 void WriteOut(const std::string& text) {
   if (tCapture) {
-    tCapture->append(text);
+    tCapture(text);
     return;
   }
+  WriteStandardOut(text);
+}
+
+void WriteStandardOut(const std::string& text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
     if (errno == EPIPE) throw ClosedPipe();
     throw std::runtime_error(std::string("cannot write standard output: ") + std::strerror(errno));

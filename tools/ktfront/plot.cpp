@@ -30,11 +30,13 @@ struct PlotOptions {
   float startGain = 0.5f;
   double fromS = 0.0;
   double toS = 0.0;
+  bool fromGiven = false;
+  bool toGiven = false;
 };
 
 int RunPlot(const PlotOptions& options) {
   if (options.agc) Warn(CheckAgcParams(options.agcParams));
-  if (options.toS != 0.0 && options.toS <= options.fromS) {
+  if (options.fromGiven && options.toGiven && options.toS <= options.fromS) {
     throw UsageError("--to " + Fixed(options.toS, 3) + " is not after --from " + Fixed(options.fromS, 3));
   }
   for (const std::string& path : options.outputs) {
@@ -103,7 +105,16 @@ int RunPlot(const PlotOptions& options) {
   });
   vad.Finish(interrupted);
   data.durationS = static_cast<double>(source.GetSamplesRead()) / rateHz;
-  const Plot plot(data, labels, options.params, options.fromS, options.toS);
+  // Either end alone, the other being the recording's; a window must lie within it.
+  const double fromS = options.fromGiven ? options.fromS : 0.0;
+  const double toS = options.toGiven ? options.toS : data.durationS;
+  const std::string length = " (the recording lasts " + Fixed(data.durationS, 3) + " s)";
+  if (options.fromGiven && fromS >= data.durationS) {
+    throw UsageError("--from " + Fixed(fromS, 3) + " is not before the end of the recording" + length);
+  }
+  if (options.toGiven && toS > data.durationS) throw UsageError("--to " + Fixed(toS, 3) + " is past the end of the recording" + length);
+  if (toS <= fromS) throw UsageError("--to " + Fixed(toS, 3) + " is not after --from " + Fixed(fromS, 3));
+  const Plot plot(data, labels, options.params, fromS, toS);
   for (const PendingFile& file : files) plot.Render(file);
   for (PendingFile& file : files) file.Commit();
   ReportRate(source, interrupted);
@@ -127,13 +138,15 @@ Runner DeclarePlot(CLI::App& app) {
   command->add_option("--labels-id", options->labelsId, "The RTTM recording ID to draw (default: the recording's stem)");
   command->add_flag("--agc", options->agc, "Add the gain trajectory of a closed-loop gain control run");
   command->add_option("--agc-params", options->agcParams, "Gain-control parameter string for --agc");
-  command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(CLI::NonNegativeNumber);
+  command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(Within(0, 1e9));
   command->add_option("--to", options->toS, "Show the recording up to this time (s); default its end")
-      ->check(CLI::PositiveNumber);
+      ->check(Within(0, 1e9));
   command->add_option("--start-gain", options->startGain, "Start gain for --agc")
       ->capture_default_str()
-      ->check(CLI::Range(0.0, 1.0));
-  return [options] {
+      ->check(Within(0, 1));
+  return [options, command] {
+    options->fromGiven = command->count("--from") > 0;
+    options->toGiven = command->count("--to") > 0;
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
     return RunPlot(*options);
   };

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <set>
 
 #include "audioanalyzer.h"
 #include "blocks.h"
@@ -147,6 +149,29 @@ int RunSplit(const SplitOptions& options) {
   return 0;
 }
 
+// Each recording's directory: its stem, or STEM-N (the first N free) when stems repeat, so
+// that no two recordings write one path.
+std::vector<std::string> DirectoryNames(const std::vector<std::string>& inputs) {
+  std::map<std::string, int> uses;
+  for (const std::string& path : inputs) ++uses[StemOf(path)];
+  std::set<std::string> taken;
+  for (const auto& [stem, count] : uses) {
+    if (count == 1) taken.insert(stem);
+  }
+  std::vector<std::string> names;
+  for (const std::string& path : inputs) {
+    std::string name = StemOf(path);
+    if (uses[name] > 1) {
+      int n = 1;
+      while (taken.count(StemOf(path) + "-" + std::to_string(n))) ++n;
+      name = StemOf(path) + "-" + std::to_string(n);
+    }
+    taken.insert(name);
+    names.push_back(name);
+  }
+  return names;
+}
+
 }  // namespace
 
 Runner DeclareSplit(CLI::App& app) {
@@ -159,13 +184,20 @@ Runner DeclareSplit(CLI::App& app) {
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
     const std::vector<std::string> inputs = ExpandManifests(options->files);
     // Several recordings each get a directory of their own, named by stem.
+    const std::vector<std::string> names = DirectoryNames(inputs);
+    std::map<std::string, std::string> directories;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      if (!directories.emplace(inputs[i], options->directory + "/" + names[i]).second) {
+        throw UsageError(inputs[i] + " is given twice: its segments would be written twice");
+      }
+    }
     if (inputs.size() > 1) MakeDirectory(options->directory);
     return RunEach(inputs, options->jobs, [&](const std::string& path) {
       SplitOptions one = *options;
       one.input.path = path;
-      if (inputs.size() > 1) one.directory += "/" + StemOf(path);
+      if (inputs.size() > 1) one.directory = directories.at(path);
       return RunSplit(one);
-    });
+    }, PlainFraming());
   };
 }
 

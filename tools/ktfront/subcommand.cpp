@@ -1,13 +1,48 @@
 #include "subcommand.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <iostream>
+#include <sstream>
+#include <mutex>
+#include <set>
 
 #include "blocks.h"
 #include "output.h"
+#include "params.h"
 #include "source.h"
 
 namespace ktcli {
+
+CLI::Validator Within(double low, double high, bool integral) {
+  auto bound = [](double value) {
+    std::ostringstream text;
+    if (value == std::floor(value)) {
+      text << static_cast<long long>(value);
+    } else {
+      text << value;
+    }
+    return text.str();
+  };
+  const std::string range = (integral ? "a whole number from " : "a number from ") + bound(low) + " to " + bound(high);
+  return CLI::Validator(
+      [=](std::string& text) -> std::string {
+        const std::string shown = "\"" + Abridged(text) + "\"";
+        size_t used = 0;
+        double value = 0;
+        try {
+          value = std::stod(text, &used);
+        } catch (const std::exception&) {
+          return shown + " is not " + range;
+        }
+        if (used != text.size() || !std::isfinite(value) || value < low || value > high ||
+            (integral && value != std::floor(value))) {
+          return shown + " is not " + range;
+        }
+        return std::string();
+      },
+      range);
+}
 
 void AddInputOptions(CLI::App* command, InputOptions& input, std::vector<std::string>* files, int* jobs) {
   if (files) {
@@ -23,18 +58,18 @@ void AddInputOptions(CLI::App* command, InputOptions& input, std::vector<std::st
 }
 
 void AddJobsOption(CLI::App* command, int& jobs, const std::string& help) {
-  command->add_option("-j,--jobs", jobs, help)->check(CLI::PositiveNumber);
+  command->add_option("-j,--jobs", jobs, help)->check(Within(1, 1024, true));
 }
 
 void AddRateOption(CLI::App* command, int& rawRateHz) {
   command->add_option("--rate", rawRateHz, "Read headerless 16-bit little-endian mono at this rate (Hz)")
-      ->check(CLI::PositiveNumber);
+      ->check(Within(1, 1e7, true));
 }
 
 void AddBlockOption(CLI::App* command, int& blockMs) {
   command->add_option("--block-ms", blockMs, "Block size handed to the library (ms)")
       ->capture_default_str()
-      ->check(CLI::Range(1, 60000));
+      ->check(Within(1, 60000, true));
 }
 
 void AddParamsOption(CLI::App* command, std::string& params, const char* service) {
@@ -48,7 +83,13 @@ CLI::Option* AddApiOption(CLI::App* command, std::string& api) {
 }
 
 void Warn(const std::vector<std::string>& warnings) {
-  for (const std::string& warning : warnings) std::cerr << "ktfront: warning: " << warning << "\n";
+  // Every file of a run checks the same string; its warnings are printed once.
+  static std::mutex mutex;
+  static std::set<std::string> printed;
+  std::lock_guard<std::mutex> lock(mutex);
+  for (const std::string& warning : warnings) {
+    if (printed.insert(warning).second) std::cerr << "ktfront: warning: " << warning << "\n";
+  }
 }
 
 bool PumpInput(AudioSource& source, int blockSamples, const std::function<void(const kt::AudioData&)>& onBlock,

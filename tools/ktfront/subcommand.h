@@ -13,6 +13,7 @@
 namespace CLI {
 class App;
 class Option;
+class Validator;
 }  // namespace CLI
 
 namespace ktcli {
@@ -51,7 +52,11 @@ void AddBlockOption(CLI::App* command, int& blockMs);
 void AddParamsOption(CLI::App* command, std::string& params, const char* service);
 CLI::Option* AddApiOption(CLI::App* command, std::string& api);
 
-// Prints each warning of a parameter check.
+// Every numeric option: a finite number from low to high, else a one-line usage error;
+// whole numbers only when integral.
+CLI::Validator Within(double low, double high, bool integral = false);
+
+// Prints each warning of a parameter check, once per process.
 void Warn(const std::vector<std::string>& warnings);
 
 // The input in host blocks (see Pump in blocks.h), until its end or SIGINT or SIGTERM;

@@ -368,15 +368,15 @@ Runner DeclareTune(CLI::App& app) {
                       "whose first group names the group (default: each recording its own)");
   command->add_option("--folds", options->folds, "Folds of cross-validation over the groups (0: none)")
       ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->check(Within(0, 1000, true));
   command->add_option("--seed", options->seed, "Seed of the random phase")->capture_default_str();
   command->add_option("--evals", options->evaluations, "Parameter strings to try at most")
       ->capture_default_str()
-      ->check(CLI::Range(1, 10000000));
+      ->check(Within(1, 1e7, true));
   command->add_option("--time", options->timeS, "Stop after this many seconds (the result then depends on speed)")
-      ->check(CLI::PositiveNumber);
+      ->check(Within(0, 1e9));
   command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
-      ->check(CLI::NonNegativeNumber);
+      ->check(Within(0, 1e6));
   AddJobsOption(command, options->jobs, "Threads (default: one per core)");
   command->add_flag("--json", options->json, "The best string, then every score as JSON Lines");
   AddBlockOption(command, options->blockMs);

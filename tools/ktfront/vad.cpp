@@ -29,11 +29,10 @@ struct VadOptions {
 };
 
 std::unique_ptr<RecordWriter> MakeWriter(const VadOptions& options, const std::string& name) {
-  // A label format wins over --json.
   if (options.format != "plain" && options.format != "json") {
     return std::make_unique<LabelWriter>(ParseLabelFormat(options.format), StemOf(name));
   }
-  if (options.json) return std::make_unique<JsonLinesWriter>();
+  if (options.json) return std::make_unique<JsonLinesWriter>(options.files.size() > 1);
   return std::make_unique<PlainWriter>(options.volume, options.frames);
 }
 
@@ -82,14 +81,25 @@ Runner DeclareVad(CLI::App& app) {
   command->add_flag("--json", options->json, "Print every result as JSON Lines");
   return [options] {
     InstallSignalHandlers();  // before the input opens: a signal while its header is awaited ends the run
+    const bool labels = options->format != "plain" && options->format != "json";
+    if (labels && (options->json || options->volume || options->frames)) {
+      throw UsageError("--format " + options->format + " writes segments only: it takes no --json, --volume or --frames");
+    }
     if (options->format == "json") options->json = true;
+    const std::vector<std::string> files = ExpandManifests(options->files);
+    options->files = files;
+    if (files.size() > 1 && (options->format == "audacity" || options->format == "textgrid")) {
+      throw UsageError("--format " + options->format + " holds one recording: use rttm, json or plain for several");
+    }
+    const Framing framing = options->json ? JsonFraming() : options->format == "rttm" ? RttmFraming() : PlainFraming();
     // The C interface holds one analyzer for the whole process.
-    return RunEach(ExpandManifests(options->files), options->api == "c" ? 1 : options->jobs,
+    return RunEach(files, options->api == "c" ? 1 : options->jobs,
                    [&](const std::string& path) {
                      VadOptions one = *options;
                      one.input.path = path;
                      return RunVad(one);
-                   });
+                   },
+                   framing);
   };
 }
 

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -276,6 +277,59 @@ TEST(Split, WritesEachSegmentLiveAndKeepsThemWhenTheFileTurnsOutTruncated) {
   }
 }
 
+// A window is either end alone or both, within the recording, and draws only its frames.
+TEST(Plot, WindowsLieWithinTheRecordingAndDrawOnlyTheirFrames) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  std::vector<short> long_ = ReadAudio(Sample("forecast_16000"), rate, channels), one = long_;
+  for (int i = 0; i < 20; ++i) long_.insert(long_.end(), one.begin(), one.end());
+  WriteAudio(dir / "long.wav", long_, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  auto svgBytes = [&](const std::string& window) {
+    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / "long.wav"));
+    EXPECT_EQ(run.status, 0) << window << run.err;
+    return fs::file_size(dir / "p.svg");
+  };
+  const auto whole = svgBytes(""), late = svgBytes("--from 150"), early = svgBytes("--to 5"), mid = svgBytes("--from 60 --to 65");
+  EXPECT_LT(early * 2, whole);
+  EXPECT_LT(mid * 2, whole);
+  EXPECT_LT(late * 2, whole) << "--from alone is a window to the end";
+  EXPECT_GT(late, mid) << "--from alone is more than a short window";
+  for (const std::string window : {"--from 185", "--to 190", "--from 9 --to 8", "--from 181 --to 182", "--from 180.2"}) {
+    fs::remove(dir / "p.svg");
+    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / "long.wav"));
+    EXPECT_EQ(run.status, 2) << window;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_FALSE(fs::exists(dir / "p.svg")) << window;
+  }
+  EXPECT_NE(Cli("plot --from 185 -o " + (dir / "p.svg") + " " + (dir / "long.wav")).err.find("recording lasts 180.151 s"), std::string::npos);
+}
+
+// Recordings sharing a stem get directories of their own, even beside one named like the
+// first free one; every printed path is a file of its own.
+TEST(Split, NeverWritesTwoSegmentsToOnePath) {
+  Dir dir;
+  for (const char* sub : {"a", "b", "c"}) fs::create_directory(dir / sub);
+  for (const char* copy : {"a/x.wav", "b/x.wav", "c/x-1.wav"}) fs::copy_file(Sample("message_8000"), dir / copy);
+  const Cli run("split " + (dir / "a/x.wav") + " " + (dir / "b/x.wav") + " " + (dir / "c/x-1.wav") + " -o " + (dir / "out"));
+  EXPECT_EQ(run.status, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::vector<std::string> paths;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("==> ", 0) != 0) paths.push_back(line.substr(0, line.find(' ')));
+  }
+  size_t files = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(dir / "out")) files += entry.is_regular_file();
+  EXPECT_EQ(files, paths.size()) << run.out;
+  EXPECT_EQ(std::set<std::string>(paths.begin(), paths.end()).size(), paths.size());
+  EXPECT_EQ(paths.size() % 3, 0u);
+  EXPECT_EQ(paths.front(), dir / "out/x-2/0001.wav") << "x-1 belongs to c/x-1.wav";
+  EXPECT_EQ(paths.back().find(dir / "out/x-1/"), 0u) << run.out;
+  const Cli twice("split " + (dir / "a/x.wav") + " " + (dir / "a/x.wav") + " -o " + (dir / "again"));
+  EXPECT_EQ(twice.status, 2);
+  EXPECT_NE(twice.err.find("is given twice"), std::string::npos) << twice.err;
+  EXPECT_FALSE(fs::exists(dir / "again"));
+}
+
 TEST(Agc, RaisesAQuietRecordingLowersAClippedOneAndReportsEachLoggedDecision) {
   Dir dir;
   int rate = 0, channels = 0;
@@ -470,6 +524,103 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
   const Cli eval("eval --params EOSTimeoutMS=1 " + sample);
   EXPECT_EQ(eval.status, 0);
   EXPECT_NE(eval.err.find("reads no key \"EOSTimeoutMS\""), std::string::npos) << eval.err;
+}
+
+// Several files: in command-line order whatever the jobs, each named in every format, and a
+// file that fails says so where its output would be.
+TEST(ManyFiles, OutputIsOrderedAndNamesEachFileAndEachFailure) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  std::vector<short> long_ = ReadAudio(Sample("forecast_16000"), rate, channels), one = long_;
+  for (int i = 0; i < 40; ++i) long_.insert(long_.end(), one.begin(), one.end());  // 5 minutes, held back
+  WriteAudio(dir / "long.wav", long_, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  const std::string files = (dir / "long.wav") + " " + (dir / "missing.wav") + " " + Sample("message_8000");
+  const Cli plain("vad -j 3 " + files);
+  EXPECT_EQ(plain.status, 1);
+  const std::string alone = Cli("vad " + Sample("message_8000")).out, first = Cli("vad " + (dir / "long.wav")).out;
+  EXPECT_EQ(plain.out, "==> " + (dir / "long.wav") + " <==\n" + first + "==> " + (dir / "missing.wav") +
+                           " <==\nerror: cannot read " + (dir / "missing.wav") + ": No such file or directory\n==> " +
+                           Sample("message_8000") + " <==\n" + alone);
+  const Cli json("vad --json -j 3 " + files);
+  std::istringstream lines(json.out);
+  std::vector<std::string> order;
+  size_t records = 0;
+  for (std::string line; std::getline(lines, line); ++records) {
+    const nlohmann::json record = nlohmann::json::parse(line);
+    const std::string file = record.at("file");
+    if (order.empty() || order.back() != file) order.push_back(file);
+    if (record["type"] == "error") {
+      EXPECT_NE(record["message"].get<std::string>().find("No such file"), std::string::npos);
+    }
+  }
+  EXPECT_GT(records, 10000u);
+  EXPECT_EQ(order, (std::vector<std::string>{dir / "long.wav", dir / "missing.wav", Sample("message_8000")}));
+  const Cli rttm("vad --format rttm " + files);
+  EXPECT_NE(rttm.out.find("\n;; error: " + (dir / "missing.wav") + ": cannot read"), std::string::npos) << rttm.out;
+  EXPECT_NE(rttm.out.find("SPEAKER message_8000 1 1.060 3.460"), std::string::npos) << rttm.out;
+  const Cli audacity("vad --format audacity " + files);
+  EXPECT_EQ(audacity.status, 2);
+  EXPECT_NE(audacity.err.find("holds one recording"), std::string::npos) << audacity.err;
+}
+
+// Numbers that are not finite or out of range, stdin twice and options that would be dropped
+// are usage errors of one line that echo at most 200 characters of what was given.
+TEST(Options, BadValuesAndConflictsAreRefusedBeforeAnyWork) {
+  const std::string sample = Sample("message_8000"), labels = Sample("message_8000", ".labels");
+  const std::string huge = "EOSTimeoutMs=" + std::string(5000, '7') + "x=";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"agc --start-gain nan " + sample, "--start-gain: \"nan\" is not a number from 0 to 1"},
+      {"agc --start-gain 1.5 " + sample, "not a number from 0 to 1"},
+      {"plot --start-gain -inf -o x.svg " + sample, "not a number from 0 to 1"},
+      {"eval --collar nan --labels " + labels + " " + sample, "--collar: \"nan\""},
+      {"tune --time nan --labels " + labels + " " + sample, "--time: \"nan\""},
+      {"plot --from nan -o x.svg " + sample, "--from: \"nan\""},
+      {"vad --rate 0 " + sample, "--rate: \"0\" is not a whole number from 1 to 10000000"},
+      {"vad --block-ms 2.5 " + sample, "not a whole number from 1 to 60000"},
+      {"vad --jobs 1e400 " + sample + " " + sample, "--jobs"},
+      {"vad - " + sample + " - <" + sample, "- (standard input) can be given once only"},
+      {"vad --format audacity --json " + sample, "--format audacity writes segments only"},
+      {"vad --format rttm --volume " + sample, "takes no --json, --volume or --frames"},
+      {"agc --bound 5 " + sample, "--bound needs --api c"},
+      {"vad --rate " + std::string(300, '9') + " " + sample, "... (300 characters)"}};
+  for (const auto& [args, message] : cases) {
+    const Cli run(args);
+    EXPECT_EQ(run.status, 2) << args;
+    EXPECT_NE(run.err.find(message), std::string::npos) << args << "\n" << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_LT(run.err.size(), 330u) << args;
+    EXPECT_EQ(run.out, "") << args;
+  }
+  const Cli refused("vad --params \"" + huge + "\" " + sample);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("invalid parameter string \"EOSTimeoutMs=777"), std::string::npos) << refused.err;
+  EXPECT_NE(refused.err.find("... (5015 characters)\": Invalid format"), std::string::npos) << refused.err;
+  EXPECT_LT(refused.err.size(), 330u);
+}
+
+// Unknown keys and values read only in part are named once per key, in every subcommand, and
+// the library still reads what it always read: EOSTimeoutMs=3e2 behaves as EOSTimeoutMs=3.
+TEST(Options, ParameterValuesReadOnlyInPartAreNamedOncePerKey) {
+  const std::string sample = Sample("message_8000"), labels = Sample("message_8000", ".labels");
+  const std::string vad = "\"EOSTimeoutMs=3e2;SpeechWindowFraction= 0.25x ;Foo=1;Foo=2;FullScaleSNR=24\"";
+  const std::vector<std::string> commands = {
+      "vad --params " + vad + " " + sample + " " + sample, "split -o /dev/null --params " + vad + " " + sample,
+      "eval --params " + vad + " --labels " + labels + " " + sample, "plot -o /dev/null.svg --params " + vad + " " + sample};
+  for (const std::string& command : commands) {
+    const std::string err = Cli(command).err;
+    for (const char* warning : {"warning: EOSTimeoutMs=3e2 is read as 3\n", "warning: SpeechWindowFraction=0.25x is read as 0.25\n",
+                                "warning: the speech analyzer reads no key \"Foo\""}) {
+      const size_t at = err.find(warning);
+      EXPECT_NE(at, std::string::npos) << command << "\n" << err;
+      EXPECT_EQ(err.find(warning, at + 1), std::string::npos) << command << "\n" << err;
+    }
+    EXPECT_EQ(err.find("FullScaleSNR"), std::string::npos) << err;
+  }
+  EXPECT_EQ(Cli("vad --params EOSTimeoutMs=3e2 " + sample).out, Cli("vad --params EOSTimeoutMs=3 " + sample).out);
+  EXPECT_NE(Cli("vad --params EOSTimeoutMs=3 " + sample).out, Cli("vad --params EOSTimeoutMs=300 " + sample).out);
+  const std::string agc = Cli("agc --params \"LeastGain=1e-2junk;RelativeGain=true\" " + sample).err;
+  EXPECT_NE(agc.find("warning: LeastGain=1e-2junk is read as 1e-2\n"), std::string::npos) << agc;
+  EXPECT_EQ(agc.find("RelativeGain"), std::string::npos) << agc;
 }
 
 }  // namespace

@@ -217,7 +217,8 @@ TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
   EXPECT_EQ(status, 2);
   const std::string many = RunTool("vad -j2 " + kSamples + "/message_8000.wav missing.wav " + kSamples + "/message_8000.wav", status);
   EXPECT_EQ(status, 1);
-  EXPECT_EQ(many, "1.060 4.520\n5.180 7.580\n1.060 4.520\n5.180 7.580\n");
+  const std::string header = "==> " + kSamples + "/message_8000.wav <==\n1.060 4.520\n5.180 7.580\n";
+  EXPECT_EQ(many, header + "==> missing.wav <==\nerror: cannot read missing.wav: No such file or directory\n" + header);
 }
 
 }  // namespace
