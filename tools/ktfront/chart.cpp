@@ -83,7 +83,42 @@ void Text(cairo_t* cr, double x, double y, const std::string& text, double align
   cairo_show_text(cr, text.c_str());
 }
 
+// Each value's extreme over a and b; NaN (not yet learnt) only where both are.
+PlotData::Frame Extremes(const PlotData::Frame& a, const PlotData::Frame& b, bool greatest) {
+  auto pick = [greatest](float x, float y) { return greatest ? std::fmax(x, y) : std::fmin(x, y); };
+  return {pick(a.energy, b.energy),
+          pick(a.startThreshold, b.startThreshold),
+          pick(a.endThreshold, b.endThreshold),
+          pick(a.noiseLevel, b.noiseLevel),
+          pick(a.speechLevel, b.speechLevel),
+          std::min(a.low, b.low),
+          std::max(a.high, b.high)};
+}
+
 }  // namespace
+
+void PlotData::FrameSpans::Add(const Frame& frame) {
+  const size_t number = _next++;
+  if (number < _first || number >= _end) return;
+  if (!_spans.empty() && _inLast < _perSpan) {
+    Span& last = _spans.back();
+    last.low = Extremes(last.low, frame, false);
+    last.high = Extremes(last.high, frame, true);
+    ++_inLast;
+    return;
+  }
+  if (_spans.size() == kMaxSpans) {
+    // Every span is full: merge pairs, each then covering twice the frames.
+    for (size_t i = 0; i < kMaxSpans / 2; ++i) {
+      _spans[i] = {Extremes(_spans[2 * i].low, _spans[2 * i + 1].low, false),
+                   Extremes(_spans[2 * i].high, _spans[2 * i + 1].high, true)};
+    }
+    _spans.resize(kMaxSpans / 2);
+    _perSpan *= 2;
+  }
+  _spans.push_back({frame, frame});
+  _inLast = 1;
+}
 
 double Plot::Panel::Y(double value) const {
   const double clamped = std::clamp(value, _low, _high);
@@ -161,7 +196,7 @@ void Plot::Draw(cairo_t* cr) const {
 
   // Energies, thresholds and levels share one dB axis, cut to what the recording uses.
   double lowDb = kFullScaleDb;
-  for (const PlotData::Frame& frame : _data.frames) lowDb = std::min(lowDb, static_cast<double>(frame.energy));
+  for (const auto& span : _data.frames.GetSpans()) lowDb = std::min(lowDb, static_cast<double>(span.low.energy));
   lowDb = std::max(0.0, std::floor((lowDb - 5.0) / 10.0) * 10.0);
 
   double top = kTitleHeight;
@@ -277,21 +312,22 @@ void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendE
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
-  // Per pixel column, the extremes of the frames it touches: the envelope.
-  const std::vector<PlotData::Frame>& frames = _data.frames;
+  // Per pixel column, the extremes of the spans it touches: the envelope.
+  const std::vector<PlotData::FrameSpans::Span>& spans = _data.frames.GetSpans();
   const int columns = static_cast<int>(kWidth - kLeft - kRight);
-  const double frameS = _data.frameMs / 1000.0;
+  const double spanS = _data.frames.GetFramesPerSpan() * _data.frameMs / 1000.0;
+  const double firstS = _data.frames.GetFirstFrame() * _data.frameMs / 1000.0;
   std::vector<double> highs, lows;
   for (int c = 0; c < columns; ++c) {
-    const double fromS = _fromS + (_toS - _fromS) * c / columns;
-    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns;
-    const size_t first = std::min(frames.size(), static_cast<size_t>(fromS / frameS));
-    const size_t last = std::min(frames.size(), std::max(first + 1, static_cast<size_t>(std::ceil(toS / frameS))));
+    const double fromS = _fromS + (_toS - _fromS) * c / columns - firstS;
+    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns - firstS;
+    const size_t first = std::min(spans.size(), static_cast<size_t>(std::max(0.0, fromS / spanS)));
+    const size_t last = std::min(spans.size(), std::max(first + 1, static_cast<size_t>(std::max(0.0, std::ceil(toS / spanS)))));
     int16_t high = 0;
     int16_t low = 0;
     for (size_t i = first; i < last; ++i) {
-      high = std::max(high, frames[i].high);
-      low = std::min(low, frames[i].low);
+      high = std::max(high, spans[i].high.high);
+      low = std::min(low, spans[i].low.low);
     }
     highs.push_back(high / 32768.0);
     lows.push_back(low / 32768.0);
@@ -317,25 +353,31 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
 }
 
 void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const {
-  const double frameS = _data.frameMs / 1000.0;
+  const std::vector<PlotData::FrameSpans::Span>& spans = _data.frames.GetSpans();
+  const double spanS = _data.frames.GetFramesPerSpan() * _data.frameMs / 1000.0;
+  const double firstS = _data.frames.GetFirstFrame() * _data.frameMs / 1000.0;
   bool drawing = false;
-  // Only the window's frames, and one on either side so that the lines reach its edges.
-  const size_t first = static_cast<size_t>(std::max(0.0, std::floor(_fromS / frameS) - 1));
-  const size_t end = std::min(_data.frames.size(), static_cast<size_t>(std::ceil(_toS / frameS)) + 1);
+  // The spans the window touches, and one on either side so that the lines reach its edges.
+  const size_t first = static_cast<size_t>(std::max(0.0, std::floor((_fromS - firstS) / spanS) - 1));
+  const size_t end = std::min(spans.size(), static_cast<size_t>(std::max(0.0, std::ceil((_toS - firstS) / spanS) + 1)));
   for (size_t i = first; i < end; ++i) {
-    const double v = _data.frames[i].*value;
-    if (std::isnan(v)) {
+    const double low = spans[i].low.*value;
+    const double high = spans[i].high.*value;
+    if (std::isnan(low)) {
       drawing = false;
       continue;
     }
-    const double y = panel.Y(v);
+    const double startX = X(firstS + i * spanS);
+    const double endX = X(firstS + (i + 1) * spanS);
     if (drawing) {
-      cairo_line_to(cr, X(i * frameS), y);
+      cairo_line_to(cr, startX, panel.Y(low));
     } else {
-      cairo_move_to(cr, X(i * frameS), y);
+      cairo_move_to(cr, startX, panel.Y(low));
       drawing = true;
     }
-    cairo_line_to(cr, X((i + 1) * frameS), y);
+    // A frame is a step; a wider span a stroke from its least to its greatest value.
+    cairo_line_to(cr, high == low ? endX : startX, panel.Y(high));
+    if (high != low) cairo_line_to(cr, endX, panel.Y(high));
   }
   cairo_stroke(cr);
 }
