@@ -163,6 +163,8 @@ double Plot::X(double timeS) const {
   return kLeft + (timeS - _fromS) / (_toS - _fromS) * (kWidth - kLeft - kRight);
 }
 
+double Plot::XWithin(double timeS) const { return X(std::clamp(timeS, _fromS, _toS)); }
+
 double Plot::GetHeight() const {
   return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
          (_data.agc ? kGap + kGainHeight : 0.0) + kBottom;
@@ -297,7 +299,8 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
 void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kSpeechShade);
   for (const SegmentRecord& segment : _data.segments) {
-    cairo_rectangle(cr, X(segment.startS), panel.GetTop(), X(segment.endS) - X(segment.startS),
+    if (!Shows(segment.startS, segment.endS)) continue;
+    cairo_rectangle(cr, XWithin(segment.startS), panel.GetTop(), XWithin(segment.endS) - XWithin(segment.startS),
                     panel.GetBottom() - panel.GetTop());
   }
   cairo_fill(cr);
@@ -344,7 +347,8 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
   if (!_labels.empty()) {
     SetColour(cr, kLabelBar);
     for (const Region& label : _labels) {
-      cairo_rectangle(cr, X(label.startS), panel.GetTop() + 3, X(label.endS) - X(label.startS), 6);
+      if (!Shows(label.startS, label.endS)) continue;
+      cairo_rectangle(cr, XWithin(label.startS), panel.GetTop() + 3, XWithin(label.endS) - XWithin(label.startS), 6);
     }
     cairo_fill(cr);
     legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
@@ -417,22 +421,29 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
   double bandStartS = 0.0;
   for (size_t i = 0; i < readings.size(); ++i) {
     if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
-    SetColour(cr, VerdictColour(readings[i].info));
-    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].timeS) - X(bandStartS),
-                    panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
-    cairo_fill(cr);
+    if (Shows(bandStartS, readings[i].timeS)) {
+      SetColour(cr, VerdictColour(readings[i].info));
+      cairo_rectangle(cr, XWithin(bandStartS), panel.Y(kVerdictHighPct),
+                      XWithin(readings[i].timeS) - XWithin(bandStartS),
+                      panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
+      cairo_fill(cr);
+    }
     bandStartS = readings[i].timeS;
   }
   double previousS = 0.0;
+  bool drawing = false;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kTeal);
   for (const PlotData::Volume& reading : readings) {
+    const double startS = previousS;
+    previousS = reading.timeS;
+    if (!Shows(startS, reading.timeS)) continue;
     // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
     const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
-    if (previousS == 0.0) cairo_move_to(cr, X(0.0), y);
-    cairo_line_to(cr, X(previousS), y);
-    cairo_line_to(cr, X(reading.timeS), y);
-    previousS = reading.timeS;
+    if (!drawing) cairo_move_to(cr, XWithin(startS), y);
+    drawing = true;
+    cairo_line_to(cr, XWithin(startS), y);
+    cairo_line_to(cr, XWithin(reading.timeS), y);
   }
   cairo_stroke(cr);
   return {{"SNR volume", LegendEntry::Line, kTeal},
@@ -446,11 +457,13 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
   double gain = _data.startGain;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
-  cairo_move_to(cr, X(0.0), panel.Y(gain));
-  for (const GainRecord& update : _data.gains) {
-    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
-    gain = update.gain;
-    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
+  auto update = _data.gains.begin();
+  for (; update != _data.gains.end() && update->timeS < _fromS; ++update) gain = update->gain;
+  cairo_move_to(cr, X(_fromS), panel.Y(gain));
+  for (; update != _data.gains.end() && update->timeS <= _toS; ++update) {
+    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
+    gain = update->gain;
+    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
   }
   cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
@@ -461,7 +474,7 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
     gain = update.gain;
     std::optional<kt::GainDecision::Outcome> outcome;
     if (update.decision) outcome = update.decision->outcome;
-    if (outcome == kt::GainDecision::Nil && !stepped) continue;
+    if ((outcome == kt::GainDecision::Nil && !stepped) || !Shows(update.timeS, update.timeS)) continue;
     SetColour(cr, DecisionColour(outcome));
     cairo_arc(cr, X(update.timeS), panel.Y(update.gain), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);

@@ -112,6 +112,9 @@ class Plot {
   };
 
   double X(double timeS) const;
+  // Whether startS to endS meets the window, and the x of a time held within the window.
+  bool Shows(double startS, double endS) const { return endS >= _fromS && startS <= _toS; }
+  double XWithin(double timeS) const;
   double GetHeight() const;
   void Draw(cairo_t* cr) const;
   void DrawTitle(cairo_t* cr) const;
