@@ -432,6 +432,7 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
   }
   double previousS = 0.0;
   bool drawing = false;
+  double column = 0.0, lowY = 0.0, highY = 0.0, lastY = 0.0;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kTeal);
   for (const PlotData::Volume& reading : readings) {
@@ -440,10 +441,31 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
     if (!Shows(startS, reading.timeS)) continue;
     // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
     const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
-    if (!drawing) cairo_move_to(cr, XWithin(startS), y);
+    const double startX = XWithin(startS);
+    const double endX = XWithin(reading.timeS);
+    // Readings within one pixel column are drawn as one stroke over their extremes.
+    if (drawing && std::floor(startX) == column && std::floor(endX) == column) {
+      lowY = std::max(lowY, y);
+      highY = std::min(highY, y);
+      lastY = y;
+      continue;
+    }
+    if (!drawing) cairo_move_to(cr, startX, y);
+    if (drawing && lowY != highY) {
+      cairo_line_to(cr, column + 0.5, lowY);
+      cairo_line_to(cr, column + 0.5, highY);
+      cairo_line_to(cr, column + 0.5, lastY);
+    }
     drawing = true;
-    cairo_line_to(cr, XWithin(startS), y);
-    cairo_line_to(cr, XWithin(reading.timeS), y);
+    cairo_line_to(cr, startX, y);
+    cairo_line_to(cr, endX, y);
+    column = std::floor(endX);
+    lowY = highY = lastY = y;
+  }
+  if (drawing && lowY != highY) {
+    cairo_line_to(cr, column + 0.5, lowY);
+    cairo_line_to(cr, column + 0.5, highY);
+    cairo_line_to(cr, column + 0.5, lastY);
   }
   cairo_stroke(cr);
   return {{"SNR volume", LegendEntry::Line, kTeal},
