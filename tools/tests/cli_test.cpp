@@ -369,7 +369,8 @@ TEST(Agc, RaisesAQuietRecordingLowersAClippedOneAndReportsEachLoggedDecision) {
 }
 
 // A window's frames widen into spans (pairs merging) past 4096, each keeping every value's
-// extremes; frames outside the window are not kept, levels not yet learnt stay NaN.
+// extremes; frames outside the window are not kept, levels not yet learnt stay NaN. So a
+// picture's size follows its width, not the recording's length.
 TEST(Plot, FrameSpansKeepTheWindowsExtremes) {
   ktcli::PlotData::FrameSpans spans(1000);
   const float nan = std::nanf("");
@@ -387,6 +388,17 @@ TEST(Plot, FrameSpansKeepTheWindowsExtremes) {
   EXPECT_EQ(s[500].low.noiseLevel, 20.0f);
   EXPECT_EQ(s[500].high.noiseLevel, 22.0f);
   EXPECT_TRUE(std::all_of(s.begin(), s.end(), [](const auto& span) { return span.low.low == -1; }));
+  // End to end, at a fixed width the SVG of 12 minutes of noise is that of 6 minutes.
+  Dir dir;
+  std::vector<short> noise(8000 * 720);
+  unsigned seed = 1;
+  for (short& s : noise) s = static_cast<short>(((seed = seed * 1103515245u + 12345u) >> 16) % 3000) - 1500;
+  WriteAudio(dir / "n12.wav", noise, 8000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  noise.resize(noise.size() / 2);
+  WriteAudio(dir / "n6.wav", noise, 8000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  ASSERT_EQ(Cli("plot -o " + (dir / "n6.svg") + " " + (dir / "n6.wav")).status, 0);
+  ASSERT_EQ(Cli("plot -o " + (dir / "n12.svg") + " " + (dir / "n12.wav")).status, 0);
+  EXPECT_LT(fs::file_size(dir / "n12.svg"), fs::file_size(dir / "n6.svg") * 21 / 20);
   ktcli::PlotData::FrameSpans window(3, 10);
   for (int i = 0; i < 20; ++i) window.Add({static_cast<float>(i), 0, 0, 0, 0, 0, 0});
   ASSERT_EQ(window.GetSpans().size(), 7u);
