@@ -325,7 +325,8 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
     const double fromS = _fromS + (_toS - _fromS) * c / columns - firstS;
     const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns - firstS;
     const size_t first = std::min(spans.size(), static_cast<size_t>(std::max(0.0, fromS / spanS)));
-    const size_t last = std::min(spans.size(), std::max(first + 1, static_cast<size_t>(std::max(0.0, std::ceil(toS / spanS)))));
+    const size_t last =
+        std::min(spans.size(), std::max(first + 1, static_cast<size_t>(std::max(0.0, std::ceil(toS / spanS)))));
     int16_t high = 0;
     int16_t low = 0;
     for (size_t i = first; i < last; ++i) {
