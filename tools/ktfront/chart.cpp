@@ -83,7 +83,42 @@ void Text(cairo_t* cr, double x, double y, const std::string& text, double align
   cairo_show_text(cr, text.c_str());
 }
 
+// Each value's extreme over a and b; NaN (not yet learnt) only where both are.
+PlotData::Frame Extremes(const PlotData::Frame& a, const PlotData::Frame& b, bool greatest) {
+  auto pick = [greatest](float x, float y) { return greatest ? std::fmax(x, y) : std::fmin(x, y); };
+  return {pick(a.energy, b.energy),
+          pick(a.startThreshold, b.startThreshold),
+          pick(a.endThreshold, b.endThreshold),
+          pick(a.noiseLevel, b.noiseLevel),
+          pick(a.speechLevel, b.speechLevel),
+          std::min(a.low, b.low),
+          std::max(a.high, b.high)};
+}
+
 }  // namespace
+
+void PlotData::FrameSpans::Add(const Frame& frame) {
+  const size_t number = _next++;
+  if (number < _first || number >= _end) return;
+  if (!_spans.empty() && _inLast < _perSpan) {
+    Span& last = _spans.back();
+    last.low = Extremes(last.low, frame, false);
+    last.high = Extremes(last.high, frame, true);
+    ++_inLast;
+    return;
+  }
+  if (_spans.size() == kMaxSpans) {
+    // Every span is full: merge pairs, each then covering twice the frames.
+    for (size_t i = 0; i < kMaxSpans / 2; ++i) {
+      _spans[i] = {Extremes(_spans[2 * i].low, _spans[2 * i + 1].low, false),
+                   Extremes(_spans[2 * i].high, _spans[2 * i + 1].high, true)};
+    }
+    _spans.resize(kMaxSpans / 2);
+    _perSpan *= 2;
+  }
+  _spans.push_back({frame, frame});
+  _inLast = 1;
+}
 
 double Plot::Panel::Y(double value) const {
   const double clamped = std::clamp(value, _low, _high);
@@ -128,6 +163,8 @@ double Plot::X(double timeS) const {
   return kLeft + (timeS - _fromS) / (_toS - _fromS) * (kWidth - kLeft - kRight);
 }
 
+double Plot::XWithin(double timeS) const { return X(std::clamp(timeS, _fromS, _toS)); }
+
 double Plot::GetHeight() const {
   return kTitleHeight + kWaveHeight + kGap + kEnergyHeight + kGap + kVolumeHeight +
          (_data.agc ? kGap + kGainHeight : 0.0) + kBottom;
@@ -161,7 +198,7 @@ void Plot::Draw(cairo_t* cr) const {
 
   // Energies, thresholds and levels share one dB axis, cut to what the recording uses.
   double lowDb = kFullScaleDb;
-  for (const PlotData::Frame& frame : _data.frames) lowDb = std::min(lowDb, static_cast<double>(frame.energy));
+  for (const auto& span : _data.frames.GetSpans()) lowDb = std::min(lowDb, static_cast<double>(span.low.energy));
   lowDb = std::max(0.0, std::floor((lowDb - 5.0) / 10.0) * 10.0);
 
   double top = kTitleHeight;
@@ -262,7 +299,8 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
 void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kSpeechShade);
   for (const SegmentRecord& segment : _data.segments) {
-    cairo_rectangle(cr, X(segment.startS), panel.GetTop(), X(segment.endS) - X(segment.startS),
+    if (!Shows(segment.startS, segment.endS)) continue;
+    cairo_rectangle(cr, XWithin(segment.startS), panel.GetTop(), XWithin(segment.endS) - XWithin(segment.startS),
                     panel.GetBottom() - panel.GetTop());
   }
   cairo_fill(cr);
@@ -277,21 +315,23 @@ void Plot::DrawLegend(cairo_t* cr, const Panel& panel, const std::vector<LegendE
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& panel) const {
-  // Per pixel column, the extremes of the frames it touches: the envelope.
-  const std::vector<PlotData::Frame>& frames = _data.frames;
+  // Per pixel column, the extremes of the spans it touches: the envelope.
+  const std::vector<PlotData::FrameSpans::Span>& spans = _data.frames.GetSpans();
   const int columns = static_cast<int>(kWidth - kLeft - kRight);
-  const double frameS = _data.frameMs / 1000.0;
+  const double spanS = _data.frames.GetFramesPerSpan() * _data.frameMs / 1000.0;
+  const double firstS = _data.frames.GetFirstFrame() * _data.frameMs / 1000.0;
   std::vector<double> highs, lows;
   for (int c = 0; c < columns; ++c) {
-    const double fromS = _fromS + (_toS - _fromS) * c / columns;
-    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns;
-    const size_t first = std::min(frames.size(), static_cast<size_t>(fromS / frameS));
-    const size_t last = std::min(frames.size(), std::max(first + 1, static_cast<size_t>(std::ceil(toS / frameS))));
+    const double fromS = _fromS + (_toS - _fromS) * c / columns - firstS;
+    const double toS = _fromS + (_toS - _fromS) * (c + 1) / columns - firstS;
+    const size_t first = std::min(spans.size(), static_cast<size_t>(std::max(0.0, fromS / spanS)));
+    const size_t last =
+        std::min(spans.size(), std::max(first + 1, static_cast<size_t>(std::max(0.0, std::ceil(toS / spanS)))));
     int16_t high = 0;
     int16_t low = 0;
     for (size_t i = first; i < last; ++i) {
-      high = std::max(high, frames[i].high);
-      low = std::min(low, frames[i].low);
+      high = std::max(high, spans[i].high.high);
+      low = std::min(low, spans[i].low.low);
     }
     highs.push_back(high / 32768.0);
     lows.push_back(low / 32768.0);
@@ -308,7 +348,8 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
   if (!_labels.empty()) {
     SetColour(cr, kLabelBar);
     for (const Region& label : _labels) {
-      cairo_rectangle(cr, X(label.startS), panel.GetTop() + 3, X(label.endS) - X(label.startS), 6);
+      if (!Shows(label.startS, label.endS)) continue;
+      cairo_rectangle(cr, XWithin(label.startS), panel.GetTop() + 3, XWithin(label.endS) - XWithin(label.startS), 6);
     }
     cairo_fill(cr);
     legend.emplace_back("reference labels", LegendEntry::Box, kLabelBar);
@@ -317,25 +358,31 @@ std::vector<Plot::LegendEntry> Plot::DrawWaveform(cairo_t* cr, const Panel& pane
 }
 
 void Plot::DrawFrameSeries(cairo_t* cr, const Panel& panel, float PlotData::Frame::*value) const {
-  const double frameS = _data.frameMs / 1000.0;
+  const std::vector<PlotData::FrameSpans::Span>& spans = _data.frames.GetSpans();
+  const double spanS = _data.frames.GetFramesPerSpan() * _data.frameMs / 1000.0;
+  const double firstS = _data.frames.GetFirstFrame() * _data.frameMs / 1000.0;
   bool drawing = false;
-  // Only the window's frames, and one on either side so that the lines reach its edges.
-  const size_t first = static_cast<size_t>(std::max(0.0, std::floor(_fromS / frameS) - 1));
-  const size_t end = std::min(_data.frames.size(), static_cast<size_t>(std::ceil(_toS / frameS)) + 1);
+  // The spans the window touches, and one on either side so that the lines reach its edges.
+  const size_t first = static_cast<size_t>(std::max(0.0, std::floor((_fromS - firstS) / spanS) - 1));
+  const size_t end = std::min(spans.size(), static_cast<size_t>(std::max(0.0, std::ceil((_toS - firstS) / spanS) + 1)));
   for (size_t i = first; i < end; ++i) {
-    const double v = _data.frames[i].*value;
-    if (std::isnan(v)) {
+    const double low = spans[i].low.*value;
+    const double high = spans[i].high.*value;
+    if (std::isnan(low)) {
       drawing = false;
       continue;
     }
-    const double y = panel.Y(v);
+    const double startX = X(firstS + i * spanS);
+    const double endX = X(firstS + (i + 1) * spanS);
     if (drawing) {
-      cairo_line_to(cr, X(i * frameS), y);
+      cairo_line_to(cr, startX, panel.Y(low));
     } else {
-      cairo_move_to(cr, X(i * frameS), y);
+      cairo_move_to(cr, startX, panel.Y(low));
       drawing = true;
     }
-    cairo_line_to(cr, X((i + 1) * frameS), y);
+    // A frame is a step; a wider span a stroke from its least to its greatest value.
+    cairo_line_to(cr, high == low ? endX : startX, panel.Y(high));
+    if (high != low) cairo_line_to(cr, endX, panel.Y(high));
   }
   cairo_stroke(cr);
 }
@@ -375,22 +422,51 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
   double bandStartS = 0.0;
   for (size_t i = 0; i < readings.size(); ++i) {
     if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
-    SetColour(cr, VerdictColour(readings[i].info));
-    cairo_rectangle(cr, X(bandStartS), panel.Y(kVerdictHighPct), X(readings[i].timeS) - X(bandStartS),
-                    panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
-    cairo_fill(cr);
+    if (Shows(bandStartS, readings[i].timeS)) {
+      SetColour(cr, VerdictColour(readings[i].info));
+      cairo_rectangle(cr, XWithin(bandStartS), panel.Y(kVerdictHighPct),
+                      XWithin(readings[i].timeS) - XWithin(bandStartS),
+                      panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
+      cairo_fill(cr);
+    }
     bandStartS = readings[i].timeS;
   }
   double previousS = 0.0;
+  bool drawing = false;
+  double column = 0.0, lowY = 0.0, highY = 0.0, lastY = 0.0;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kTeal);
   for (const PlotData::Volume& reading : readings) {
+    const double startS = previousS;
+    previousS = reading.timeS;
+    if (!Shows(startS, reading.timeS)) continue;
     // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
     const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
-    if (previousS == 0.0) cairo_move_to(cr, X(0.0), y);
-    cairo_line_to(cr, X(previousS), y);
-    cairo_line_to(cr, X(reading.timeS), y);
-    previousS = reading.timeS;
+    const double startX = XWithin(startS);
+    const double endX = XWithin(reading.timeS);
+    // Readings within one pixel column are drawn as one stroke over their extremes.
+    if (drawing && std::floor(startX) == column && std::floor(endX) == column) {
+      lowY = std::max(lowY, y);
+      highY = std::min(highY, y);
+      lastY = y;
+      continue;
+    }
+    if (!drawing) cairo_move_to(cr, startX, y);
+    if (drawing && lowY != highY) {
+      cairo_line_to(cr, column + 0.5, lowY);
+      cairo_line_to(cr, column + 0.5, highY);
+      cairo_line_to(cr, column + 0.5, lastY);
+    }
+    drawing = true;
+    cairo_line_to(cr, startX, y);
+    cairo_line_to(cr, endX, y);
+    column = std::floor(endX);
+    lowY = highY = lastY = y;
+  }
+  if (drawing && lowY != highY) {
+    cairo_line_to(cr, column + 0.5, lowY);
+    cairo_line_to(cr, column + 0.5, highY);
+    cairo_line_to(cr, column + 0.5, lastY);
   }
   cairo_stroke(cr);
   return {{"SNR volume", LegendEntry::Line, kTeal},
@@ -404,11 +480,13 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
   double gain = _data.startGain;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
-  cairo_move_to(cr, X(0.0), panel.Y(gain));
-  for (const GainRecord& update : _data.gains) {
-    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
-    gain = update.gain;
-    cairo_line_to(cr, X(update.timeS), panel.Y(gain));
+  auto update = _data.gains.begin();
+  for (; update != _data.gains.end() && update->timeS < _fromS; ++update) gain = update->gain;
+  cairo_move_to(cr, X(_fromS), panel.Y(gain));
+  for (; update != _data.gains.end() && update->timeS <= _toS; ++update) {
+    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
+    gain = update->gain;
+    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
   }
   cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
@@ -419,7 +497,7 @@ std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) c
     gain = update.gain;
     std::optional<kt::GainDecision::Outcome> outcome;
     if (update.decision) outcome = update.decision->outcome;
-    if (outcome == kt::GainDecision::Nil && !stepped) continue;
+    if ((outcome == kt::GainDecision::Nil && !stepped) || !Shows(update.timeS, update.timeS)) continue;
     SetColour(cr, DecisionColour(outcome));
     cairo_arc(cr, X(update.timeS), panel.Y(update.gain), 4.0, 0, 2 * M_PI);
     cairo_fill(cr);

@@ -3,6 +3,7 @@
 // speech segments, volume readings with verdicts and, when given, the gain trajectory.
 #include <cairo.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,30 @@ struct PlotData {
     float energy, startThreshold, endThreshold, noiseLevel, speechLevel;  // levels NaN until learnt
     int16_t low = 0, high = 0;
   };
+  // The frames of a window, one span each; once they outnumber what a picture can show, the
+  // spans widen (pairs merge) and keep each value's extremes, so that memory follows the
+  // picture's width rather than the recording's length.
+  class FrameSpans {
+   public:
+    struct Span {
+      Frame low, high;  // per value, the least and the greatest of the span's frames; NaN if none
+    };
+    static constexpr size_t kMaxSpans = 4096;
+    // Keeps frames firstFrame to endFrame (excluded) of those added.
+    explicit FrameSpans(size_t firstFrame = 0, size_t endFrame = SIZE_MAX) : _first(firstFrame), _end(endFrame) {}
+    void Add(const Frame& frame);
+    const std::vector<Span>& GetSpans() const { return _spans; }
+    size_t GetFirstFrame() const { return _first; }
+    size_t GetFramesPerSpan() const { return _perSpan; }
+
+   private:
+    size_t _first;
+    size_t _end;
+    size_t _next = 0;    // the number of the next frame added
+    size_t _perSpan = 1;
+    size_t _inLast = 0;  // frames in the last span
+    std::vector<Span> _spans;
+  };
   struct Volume {
     float timeS;
     float snrVolumePct;
@@ -34,7 +59,7 @@ struct PlotData {
   int rateHz = 0;
   double durationS = 0.0;
   double frameMs = 20.0;
-  std::vector<Frame> frames;
+  FrameSpans frames;
   std::vector<Volume> volumes;
   std::vector<SegmentRecord> segments;
   bool agc = false;
@@ -87,6 +112,9 @@ class Plot {
   };
 
   double X(double timeS) const;
+  // Whether startS to endS meets the window, and the x of a time held within the window.
+  bool Shows(double startS, double endS) const { return endS >= _fromS && startS <= _toS; }
+  double XWithin(double timeS) const;
   double GetHeight() const;
   void Draw(cairo_t* cr) const;
   void DrawTitle(cairo_t* cr) const;

@@ -1,6 +1,7 @@
 // ktfront plot: a picture of one run (chart.h) as SVG or PNG.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <deque>
 #include <memory>
 
@@ -59,6 +60,11 @@ int RunPlot(const PlotOptions& options) {
   const int samplesPerFrame = rateHz / 50;
   data.frameMs = 1000.0 * samplesPerFrame / rateHz;
   data.agc = options.agc;
+  // Only the window's frames, and one on either side so that lines reach its edges.
+  const double frameS = data.frameMs / 1000.0;
+  data.frames = PlotData::FrameSpans(
+      options.fromGiven ? static_cast<size_t>(std::max(0.0, std::floor(options.fromS / frameS) - 1)) : 0,
+      options.toGiven ? static_cast<size_t>(std::ceil(options.toS / frameS)) + 1 : SIZE_MAX);
   data.startGain = options.startGain;
   // Each frame's extremes wait here until the analyzer has decided the frame.
   std::deque<std::pair<int16_t, int16_t>> extremes;
@@ -82,7 +88,7 @@ int RunPlot(const PlotOptions& options) {
       frame.high = extremes.front().second;
       extremes.pop_front();
     }
-    data.frames.push_back(frame);
+    data.frames.Add(frame);
   };
   VadRun vad(source.GetName(), rateHz, options.params, blockSamples, VadRun::Wanted{true, false}, onRecord, onFrame);
   std::unique_ptr<AgcRun> agc;

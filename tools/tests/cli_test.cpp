@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "chart.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -284,15 +286,19 @@ TEST(Plot, WindowsLieWithinTheRecordingAndDrawOnlyTheirFrames) {
   std::vector<short> long_ = ReadAudio(Sample("forecast_16000"), rate, channels), one = long_;
   for (int i = 0; i < 20; ++i) long_.insert(long_.end(), one.begin(), one.end());
   WriteAudio(dir / "long.wav", long_, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-  auto svgBytes = [&](const std::string& window) {
-    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / "long.wav"));
+  fs::create_directory(dir / "short");
+  WriteAudio(dir / "short/long.wav", one, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  auto svgBytes = [&](const std::string& window, const std::string& input = "long.wav") {
+    const Cli run("plot " + window + " -o " + (dir / "p.svg") + " " + (dir / input));
     EXPECT_EQ(run.status, 0) << window << run.err;
     return fs::file_size(dir / "p.svg");
   };
   const auto whole = svgBytes(""), late = svgBytes("--from 150"), early = svgBytes("--to 5"), mid = svgBytes("--from 60 --to 65");
-  EXPECT_LT(early * 2, whole);
-  EXPECT_LT(mid * 2, whole);
-  EXPECT_LT(late * 2, whole) << "--from alone is a window to the end";
+  // Axes, legends and glyphs cost the same in any window; what is drawn over it follows its length.
+  const auto fixed = svgBytes("--from 1 --to 1.02", "short/long.wav");
+  EXPECT_LT((early - fixed) * 8, whole - fixed);
+  EXPECT_LT((mid - fixed) * 8, whole - fixed);
+  EXPECT_LT((late - fixed) * 2, whole - fixed) << "--from alone is a window to the end";
   EXPECT_GT(late, mid) << "--from alone is more than a short window";
   for (const std::string window : {"--from 185", "--to 190", "--from 9 --to 8", "--from 181 --to 182", "--from 180.2"}) {
     fs::remove(dir / "p.svg");
@@ -360,6 +366,44 @@ TEST(Agc, RaisesAQuietRecordingLowersAClippedOneAndReportsEachLoggedDecision) {
   EXPECT_GT(n, 10u);
   EXPECT_FALSE(std::getline(records, record) || std::getline(log, logLine));
   EXPECT_EQ(ReadAudio(dir / "o.wav", rate, channels).size(), ReadAudio(Sample("message_8000"), rate, channels).size());
+}
+
+// A window's frames widen into spans (pairs merging) past 4096, each keeping every value's
+// extremes; frames outside the window are not kept, levels not yet learnt stay NaN. So a
+// picture's size follows its width, not the recording's length.
+TEST(Plot, FrameSpansKeepTheWindowsExtremes) {
+  ktcli::PlotData::FrameSpans spans(1000);
+  const float nan = std::nanf("");
+  for (int i = 0; i < 10000; ++i) {
+    const float noise = i < 3000 ? nan : 20.0f + i % 3;
+    spans.Add({i == 5000 ? 99.0f : 10.0f, 1, 2, noise, 3, static_cast<int16_t>(i == 123 ? -500 : -1), 1});
+  }
+  ASSERT_EQ(spans.GetFramesPerSpan(), 4u);
+  const auto& s = spans.GetSpans();
+  ASSERT_EQ(s.size(), 2250u);
+  EXPECT_EQ(s[1000].high.energy, 99.0f);
+  EXPECT_EQ(s[1000].low.energy, 10.0f);
+  EXPECT_EQ(s[999].high.energy, 10.0f);
+  EXPECT_TRUE(std::isnan(s[499].high.noiseLevel));
+  EXPECT_EQ(s[500].low.noiseLevel, 20.0f);
+  EXPECT_EQ(s[500].high.noiseLevel, 22.0f);
+  EXPECT_TRUE(std::all_of(s.begin(), s.end(), [](const auto& span) { return span.low.low == -1; }));
+  // End to end, at a fixed width the SVG of 12 minutes of noise is that of 6 minutes.
+  Dir dir;
+  std::vector<short> noise(8000 * 720);
+  unsigned seed = 1;
+  for (short& s : noise) s = static_cast<short>(((seed = seed * 1103515245u + 12345u) >> 16) % 3000) - 1500;
+  WriteAudio(dir / "n12.wav", noise, 8000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  noise.resize(noise.size() / 2);
+  WriteAudio(dir / "n6.wav", noise, 8000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+  ASSERT_EQ(Cli("plot -o " + (dir / "n6.svg") + " " + (dir / "n6.wav")).status, 0);
+  ASSERT_EQ(Cli("plot -o " + (dir / "n12.svg") + " " + (dir / "n12.wav")).status, 0);
+  EXPECT_LT(fs::file_size(dir / "n12.svg"), fs::file_size(dir / "n6.svg") * 21 / 20);
+  ktcli::PlotData::FrameSpans window(3, 10);
+  for (int i = 0; i < 20; ++i) window.Add({static_cast<float>(i), 0, 0, 0, 0, 0, 0});
+  ASSERT_EQ(window.GetSpans().size(), 7u);
+  EXPECT_EQ(window.GetSpans().front().low.energy, 3.0f);
+  EXPECT_EQ(window.GetSpans().back().high.energy, 9.0f);
 }
 
 TEST(Plot, WritesSvgAndPng) {
