@@ -1,6 +1,7 @@
 // ktfront live against a real PulseAudio daemon of its own: a pipe source fed from a FIFO
 // in real time, whose volume the server applies to the samples.
 #include <fcntl.h>
+#include <pthread.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
@@ -106,6 +107,11 @@ class Player {
  public:
   Player(const Server& server, std::vector<short> samples, int rateHz, int channels)
       : _thread([this, fifo = server.Fifo(), samples = std::move(samples), rateHz, channels] {
+          // A server killed mid-run leaves the FIFO without a reader: EPIPE, not a signal that ends the test.
+          sigset_t pipe;
+          sigemptyset(&pipe);
+          sigaddset(&pipe, SIGPIPE);
+          pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
           const int fd = open(fifo.c_str(), O_WRONLY);
           const size_t step = static_cast<size_t>(rateHz / 50 * channels);
           const Clock::time_point start = Clock::now();
