@@ -55,7 +55,18 @@ function devtools(child) {
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-test("the demo page finds the recording's segments", { timeout: 90000 }, async () => {
+// A second try with a fresh browser when the first fails: the fake device's timing is the
+// browser's, and a loaded machine makes it drop more.
+test("the demo page finds the recording's segments", { timeout: 180000 }, async () => {
+  try {
+    await runPage();
+  } catch (error) {
+    console.error(`first try: ${error.message}; trying once more`);
+    await runPage();
+  }
+});
+
+async function runPage() {
   const work = fs.mkdtempSync(path.join(os.tmpdir(), "ktfront-web-"));
   // The recording at 44.1 kHz, the rate the fake device and the page run at, with silence
   // after it so that the last segment ends.
@@ -85,7 +96,7 @@ test("the demo page finds the recording's segments", { timeout: 90000 }, async (
   } finally {
     for (const cleanup of cleanups) await cleanup();
   }
-});
+}
 
 async function check(child, audio) {
   const send = devtools(child);
