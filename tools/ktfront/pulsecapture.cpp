@@ -20,7 +20,7 @@ struct SourceQuery {
   bool found = false;
   std::string name;
   uint32_t index = PA_INVALID_INDEX;
-  pa_sample_spec spec{};
+  pa_sample_spec format{};
   pa_channel_map channelMap{};
   pa_cvolume volume{};
   std::vector<std::string> names;  // every source, for a listing
@@ -69,19 +69,19 @@ PulseCapture::PulseCapture(const std::string& sourceName) {
   _channelMap = query.channelMap;
   _startVolume = query.volume;
   _volume = pa_cvolume_max(&query.volume);
-  _spec = {PA_SAMPLE_S16NE, query.spec.rate, query.spec.channels};
-  _converter = std::make_unique<MonoConverter>(static_cast<int>(_spec.rate), _spec.channels, "source " + _sourceName);
+  _format = {PA_SAMPLE_S16NE, query.format.rate, query.format.channels};
+  _converter = std::make_unique<MonoConverter>(static_cast<int>(_format.rate), _format.channels, "source " + _sourceName);
 
   pa_context_set_subscribe_callback(_context, OnEvent, this);
   Wait(pa_context_subscribe(_context, PA_SUBSCRIPTION_MASK_SOURCE, nullptr, nullptr));
 
-  _stream = pa_stream_new(_context, "ktfront live", &_spec, &_channelMap);
+  _stream = pa_stream_new(_context, "ktfront live", &_format, &_channelMap);
   if (!_stream) throw std::runtime_error("cannot record from source \"" + _sourceName + "\": " + ErrorText(_context));
   pa_stream_set_read_callback(_stream, OnRead, this);
   // Chunks of 20 ms, so that what the services decide follows the voice closely.
   pa_buffer_attr attributes{};
   attributes.maxlength = static_cast<uint32_t>(-1);
-  attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &_spec));
+  attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &_format));
   // Not moved elsewhere when the source goes: the volume set belongs to this one.
   const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
   if (pa_stream_connect_record(_stream, _sourceName.c_str(), &attributes, flags) < 0) {
@@ -121,7 +121,7 @@ void PulseCapture::OnSourceInfo(pa_context*, const pa_source_info* info, int eol
   query->found = true;
   query->name = info->name;
   query->index = info->index;
-  query->spec = info->sample_spec;
+  query->format = info->sample_spec;
   query->channelMap = info->channel_map;
   query->volume = info->volume;
 }
@@ -223,7 +223,7 @@ bool PulseCapture::Read() {
     if (Interrupted()) return false;
     Iterate(kWaitMs);
   }
-  _samples = &_converter->Convert(_chunk.data(), _chunk.size() / _spec.channels);
+  _samples = &_converter->Convert(_chunk.data(), _chunk.size() / _format.channels);
   return true;
 }
 

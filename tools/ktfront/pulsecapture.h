@@ -72,7 +72,7 @@ class PulseCapture {
   pa_stream* _stream = nullptr;
   std::string _sourceName;
   uint32_t _sourceIndex = PA_INVALID_INDEX;
-  pa_sample_spec _spec{};
+  pa_sample_spec _format{};
   pa_channel_map _channelMap{};
   pa_cvolume _startVolume{};
   pa_volume_t _volume = PA_VOLUME_NORM;
