@@ -11,7 +11,7 @@ import path from "node:path";
 import { fileURLToPath } from "node:url";
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "../..");
-const packageDir = path.join(root, "build/web/package");
+const packageDir = process.env.KTFRONT_PACKAGE || path.join(root, "build/web/package");
 
 // Runs where the package is loaded (k); samples are 16-bit mono at rate, WAV bytes given.
 function measure(k, wav16, wav44) {
