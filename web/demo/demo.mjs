@@ -53,7 +53,8 @@ async function start() {
     });
     ktfront.addEventListener("volume", ({ detail }) => {
       $("pct").textContent = detail.snrVolumePct.toFixed(0);
-      $("level").style.width = `${Math.min(100, detail.snrVolumePct)}%`;
+      // The library's per cent can fall below 0 and rise above 100.
+      $("level").style.width = `${Math.max(0, Math.min(100, detail.snrVolumePct))}%`;
       $("verdict").textContent = { OK: "OK", TooNoisy: "too noisy", TooSoft: "too soft", TooLoud: "too loud" }[detail.info];
       $("verdict").className = detail.info === "OK" ? "" : "bad";
     });
