@@ -16,10 +16,13 @@ const chromium = process.env.KTFRONT_CHROMIUM || "/usr/bin/chromium";
 const tool = process.env.KTFRONT_TOOL || path.join(root, "build/x86_64/tools/ktfront");
 const types = { ".html": "text/html", ".mjs": "text/javascript", ".js": "text/javascript", ".wasm": "application/wasm" };
 
+// The folder, and under /no-wasm/ the same without ktfront.wasm: a server set up wrongly.
 function serve(dir) {
   const server = http.createServer((request, response) => {
-    const file = path.join(dir, decodeURIComponent(new URL(request.url, "http://x").pathname));
-    if (!file.startsWith(dir) || !fs.existsSync(file) || fs.statSync(file).isDirectory()) {
+    const url = decodeURIComponent(new URL(request.url, "http://x").pathname);
+    const file = path.join(dir, url.replace(/^\/no-wasm\//, "/"));
+    if (!file.startsWith(dir) || !fs.existsSync(file) || fs.statSync(file).isDirectory() ||
+        (url.startsWith("/no-wasm/") && file.endsWith(".wasm"))) {
       response.writeHead(404).end();
       return;
     }
@@ -139,6 +142,10 @@ async function check(child, audio, work) {
   })()`;
   const reply = await send("Runtime.evaluate", { expression, awaitPromise: true }, sessionId);
   assert.equal(reply.result.value, JSON.stringify(expected.map((s) => s.map((t) => t.toFixed(3)))), JSON.stringify(reply));
+  // A server without the module: ready says which URL failed.
+  const failed = await send("Runtime.evaluate", { expression: `import("/no-wasm/dist/ktfront.browser.mjs")
+    .then((k) => k.ready).then(() => "loaded", (e) => e.message)`, awaitPromise: true }, sessionId);
+  assert.match(failed.result.value, /^ktfront: http:\/\/127\.0\.0\.1:\d+\/no-wasm\/dist\/ktfront\.wasm: HTTP 404$/);
   // And the file's own segments, loosely: a page that heard nothing, or something else, fails.
   // Chromium's fake capture device drops or repeats a buffer now and then, moving what
   // follows by a block.
