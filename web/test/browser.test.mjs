@@ -112,11 +112,14 @@ async function check(child, audio, work) {
       wav: typeof recordingWav === "function" ? recordingWav() : "" })`;
     return JSON.parse((await send("Runtime.evaluate", { expression }, sessionId)).result.value);
   };
-  // Until the page has heard as much audio as the file holds (a dropped buffer shortens it),
-  // or the time that takes and more.
+  // Until the page has closed as many segments as the file holds, or has heard as much audio
+  // as the file (a dropped buffer shortens it), or the time that takes and more.
+  const inFile = vad(audio);
   const fileBytes = fs.statSync(audio).size;
+  const done = (seen) => (parse(seen.segments).length >= inFile.length && seen.state === "pause") ||
+                         Buffer.from(seen.wav, "base64").length >= fileBytes - 44100;
   let seen = await read();
-  for (let i = 0; i < 40 && Buffer.from(seen.wav, "base64").length < fileBytes - 44100; i++) {
+  for (let i = 0; i < 40 && !done(seen); i++) {
     await sleep(500);
     seen = await read();
   }
@@ -149,7 +152,6 @@ async function check(child, audio, work) {
   // And the file's own segments, loosely: a page that heard nothing, or something else, fails.
   // Chromium's fake capture device drops or repeats a buffer now and then, moving what
   // follows by a block.
-  const inFile = vad(audio);
   assert.equal(found.length, inFile.length, `page: ${JSON.stringify(found)}, in the file: ${JSON.stringify(inFile)}`);
   found.flat().forEach((s, i) => assert.ok(Math.abs(s - inFile.flat()[i]) <= 0.2, `${s} against ${inFile.flat()[i]} in the file`));
 }
