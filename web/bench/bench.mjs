@@ -11,7 +11,7 @@ import path from "node:path";
 import { fileURLToPath } from "node:url";
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), "../..");
-const packageDir = path.join(root, "build/web/package");
+const packageDir = process.env.KTFRONT_PACKAGE || path.join(root, "build/web/package");
 
 // Runs where the package is loaded (k); samples are 16-bit mono at rate, WAV bytes given.
 function measure(k, wav16, wav44) {
@@ -80,7 +80,7 @@ async function inChromium() {
   const base = `http://127.0.0.1:${server.address().port}`;
   const child = spawn("/usr/bin/chromium", ["--headless", "--remote-debugging-pipe", `--user-data-dir=${work}/profile`,
     ...(process.getuid() === 0 ? ["--no-sandbox"] : []), `${base}/demo/index.html`],
-  { stdio: ["ignore", "ignore", "ignore", "pipe", "pipe"] });
+  { stdio: ["ignore", "ignore", "ignore", "pipe", "pipe"], detached: true });  // its helpers in its group
   let buffer = "";
   const replies = new Map();
   child.stdio[4].on("data", (chunk) => {
@@ -104,8 +104,9 @@ async function inChromium() {
     return JSON.stringify((${measure})(k, await get("${base}/16.wav"), await get("${base}/44.wav")));
   })()`;
   const reply = await send("Runtime.evaluate", { expression, awaitPromise: true }, sessionId);
-  child.kill("SIGKILL");
-  await new Promise((resolve) => child.on("exit", resolve));
+  const exited = new Promise((resolve) => child.on("exit", resolve));
+  process.kill(-child.pid, "SIGKILL");
+  await exited;
   server.closeAllConnections();
   server.close();
   if (!reply.result || reply.exceptionDetails) throw new Error(JSON.stringify(reply).slice(0, 500));
@@ -117,4 +118,4 @@ for (const where of process.argv.length > 2 ? process.argv.slice(2) : ["node", "
   console.log(`${where}: µs per second of audio: analyzer 16 kHz ${r.analyzer.toFixed(0)}, ` +
               `gain control 16 kHz ${r.gainControl.toFixed(0)}, segments() 44.1 kHz ${r.segments44100.toFixed(0)}`);
 }
-fs.rmSync(work, { recursive: true, force: true });
+fs.rmSync(work, { recursive: true, force: true, maxRetries: 20, retryDelay: 250 });

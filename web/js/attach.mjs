@@ -27,24 +27,41 @@ export class Attachment extends EventTarget {
 }
 
 const loaded = new WeakMap();
+const modules = new Map();
+
+// The bytes of ktfront.wasm, fetched once per URL: the worklet cannot fetch them itself.
+function wasmBytes(url) {
+  const key = String(url);
+  if (!modules.has(key)) {
+    modules.set(key, fetch(url).then((response) => {
+      if (!response.ok) throw new Error(`ktfront: ${url}: HTTP ${response.status}`);
+      return response.arrayBuffer();
+    }));
+  }
+  return modules.get(key);
+}
 
 /**
- * Loads the processor into the context's AudioWorklet (once per context). attach() does it
- * too; doing it before getUserMedia loses less of the first audio.
+ * Loads the processor into the context's AudioWorklet (once per context) and fetches the
+ * WebAssembly module. attach() does it too; doing it before getUserMedia loses less of the
+ * first audio.
  */
-export function prepare(context, processorUrl = new URL("./processor.mjs", import.meta.url)) {
-  if (!loaded.has(context)) loaded.set(context, context.audioWorklet.addModule(processorUrl));
-  return loaded.get(context);
+export function prepare(context, processorUrl = new URL("./processor.mjs", import.meta.url),
+                        wasmUrl = new URL("./ktfront.wasm", import.meta.url)) {
+  if (!loaded.has(context)) loaded.set(context, Promise.all([context.audioWorklet.addModule(processorUrl), wasmBytes(wasmUrl)]));
+  return loaded.get(context).then(() => undefined);
 }
 
 /**
  * Resolves once the processor runs. Events: "speechstart", "speechend" (detail: the
  * analyzer's event), "volume" (a volume reading with its verdict, every block), "gain"
  * (with options.gainControl: the new gain, 0 to 1, already set on the GainNode as twice
- * its value, so that 0.5 is unity), "error".
+ * its value, so that 0.5 is unity), "samples" (with options.samples: the 16-bit mono audio
+ * the analyzer was fed, each render quantum as an Int16Array, before its results), "error".
  */
 export async function attach(context, stream, options = {}) {
-  await prepare(context, options.processorUrl);
+  await prepare(context, options.processorUrl, options.wasmUrl);
+  const wasm = await wasmBytes(options.wasmUrl || new URL("./ktfront.wasm", import.meta.url));
   const gain = options.gain === undefined ? 0.5 : options.gain;
   const node = new AudioWorkletNode(context, "ktfront", {
     numberOfInputs: 1,
@@ -55,6 +72,8 @@ export async function attach(context, stream, options = {}) {
       gainParams: options.gainParams || "",
       gainControl: Boolean(options.gainControl),
       blockMs: options.blockMs || 20,
+      samples: Boolean(options.samples),
+      wasm,
       gain,
     },
   });

@@ -1,30 +1,12 @@
 // ktfront for JavaScript: the speech analyzer and the gain control compiled to WebAssembly.
 // One source for the ES module, the CommonJS module and the AudioWorklet processor; it uses
 // nothing but the language and WebAssembly, so it runs in Node, pages, workers and worklets.
-
-const WASM_BASE64 = "@WASM_BASE64@";
+// Each of them finds the module's bytes (ktfront.wasm, beside it) its own way.
 
 // The library's names of its enumerators, read once loaded.
 const EVENT_TAGS = [];
 const VOLUME_INFOS = [];
 const OUTCOMES = [];
-
-// Worklets have neither atob nor Buffer.
-function decodeBase64(text) {
-  const codes = new Uint8Array(128);
-  const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  for (let i = 0; i < 64; i++) codes[alphabet.charCodeAt(i)] = i;
-  const padding = text.endsWith("==") ? 2 : text.endsWith("=") ? 1 : 0;
-  const bytes = new Uint8Array((text.length / 4) * 3 - padding);
-  for (let i = 0, o = 0; i < text.length; i += 4) {
-    const n = (codes[text.charCodeAt(i)] << 18) | (codes[text.charCodeAt(i + 1)] << 12) |
-              (codes[text.charCodeAt(i + 2)] << 6) | codes[text.charCodeAt(i + 3)];
-    if (o < bytes.length) bytes[o++] = n >> 16;
-    if (o < bytes.length) bytes[o++] = (n >> 8) & 255;
-    if (o < bytes.length) bytes[o++] = n & 255;
-  }
-  return bytes;
-}
 
 let wasm = null;
 
@@ -54,16 +36,23 @@ const imports = {
   },
 };
 
-/** Resolves once the WebAssembly module is compiled; every class and function needs it. */
-const ready = WebAssembly.instantiate(decodeBase64(WASM_BASE64), imports).then((result) => {
-  wasm = result.instance.exports;
-  wasm._initialize();
-  scratch = wasm.malloc(16 * 8);
-  for (let v = 0; v < 4; v++) EVENT_TAGS.push(readString(wasm.kw_name(0, v)));
-  for (let v = 0; v < 4; v++) VOLUME_INFOS.push(readString(wasm.kw_name(1, v)));
-  for (let v = 0; v < 5; v++) OUTCOMES.push(readString(wasm.kw_name(2, v)));
-  return api;
-});
+let loading = null;
+
+// Compiles the module from its bytes (or a WebAssembly.Module), once; resolves to the API.
+function instantiate(source) {
+  if (!loading) {
+    loading = Promise.resolve(source).then((bytes) => WebAssembly.instantiate(bytes, imports)).then((result) => {
+      wasm = (result.instance || result).exports;
+      wasm._initialize();
+      scratch = wasm.malloc(16 * 8);
+      for (let v = 0; v < 4; v++) EVENT_TAGS.push(readString(wasm.kw_name(0, v)));
+      for (let v = 0; v < 4; v++) VOLUME_INFOS.push(readString(wasm.kw_name(1, v)));
+      for (let v = 0; v < 5; v++) OUTCOMES.push(readString(wasm.kw_name(2, v)));
+      return api;
+    });
+  }
+  return loading;
+}
 
 let scratch = 0;  // 16 doubles for results
 
@@ -374,4 +363,5 @@ const cInterface = {
   },
 };
 
-const api = { ready, Analyzer, GainControl, ParameterError, segments, cInterface };
+// Each entry point sets ready once it has started loading.
+const api = { ready: null, Analyzer, GainControl, ParameterError, segments, cInterface };

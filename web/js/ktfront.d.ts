@@ -1,6 +1,6 @@
-// Types of the ktfront package (ktfront.mjs, ktfront.cjs).
+// Types of the ktfront package (ktfront.mjs, ktfront.browser.mjs, ktfront.cjs).
 
-/** Resolves once the WebAssembly module is compiled; the classes and functions need it. */
+/** Resolves once ktfront.wasm is read and compiled; the classes and functions need it. */
 export const ready: Promise<typeof api>;
 
 /** 16-bit samples, or floats in -1..1 (times 32768, saturating, half away from zero). */

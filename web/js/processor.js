@@ -1,6 +1,7 @@
 
 // The AudioWorklet processor "ktfront": the analyzer, and optionally the gain control, in
-// the rendering thread. Audio that arrives while the module compiles is kept and analysed
+// the rendering thread. Worklets cannot fetch, so the module's bytes come with the options
+// (processorOptions.wasm). Audio that arrives while the module compiles is kept and analysed
 // once it is ready. Results go to the node's port as plain objects.
 // Times 32768, saturating, half away from zero; NaN reads as 0 (ktcli::ToSample).
 function toSample(f) {
@@ -17,7 +18,11 @@ class KtfrontProcessor extends AudioWorkletProcessor {
     this._waiting = [];
     this._stopped = false;
     this.port.onmessage = (event) => this._command(event.data);
-    ready.then(() => this._start(), (error) => this._fail(error));
+    if (!this._options.wasm) {
+      this._fail(new Error("ktfront: the processor needs the bytes of ktfront.wasm as processorOptions.wasm"));
+    } else {
+      instantiate(this._options.wasm).then(() => this._start(), (error) => this._fail(error));
+    }
   }
 
   _fail(error) {
@@ -56,6 +61,11 @@ class KtfrontProcessor extends AudioWorkletProcessor {
   }
 
   _analyze(mono) {
+    // Before the results, so that a listener holding both never has an event without its audio.
+    if (this._options.samples) {
+      const samples = Int16Array.from(mono, toSample);
+      this.port.postMessage({ type: "samples", samples }, [samples.buffer]);
+    }
     this._post(this._analyzer.process(mono));
     if (this._agc) {
       const { gain, decisions } = this._agc.process(mono, this._gain);
