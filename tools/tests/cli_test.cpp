@@ -614,6 +614,7 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
       {"vad --api c --frames " + sample, 2, "--frames needs --api classes"},
       {"plot -o " + out + "p.pdf " + sample, 2, "must be .svg or .png"},
       {"vad - </dev/null", 1, "raw audio needs --rate"},
+      {"vad - < <(sleep 1) & sleep 0.3; kill -TERM $!; wait $!", 1, "standard input: interrupted before its format was known"},
       {"tune --space " + (dir / "space.txt") + " " + sample, 1, "space.txt:2: EOSTimeoutMs is read as a whole number"},
       {"frobnicate " + sample, 2, "frobnicate"},
       {"vad --params EOSTimeoutMS=1 " + sample + " >/dev/null", 0, "reads no key \"EOSTimeoutMS\""},
