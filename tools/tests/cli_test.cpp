@@ -419,8 +419,8 @@ TEST(Plot, ReadingsUpdatesAndSegmentsAreSummarisedWithinABound) {
     const float at = i * 0.02f;
     volumes.Add(Data::Volume::Of(at, at + 0.02f, i == 90001 ? 97.0f : 40.0f + i % 2, i % 4 ? Meter::TooSoft : Meter::OK));
     if (i % 5) continue;
-    const float next = i == 50000 ? 0.25f : 0.5f;
-    gains.Add(Data::Gain::Of(at, gain, next, i == 50000 ? kt::GainDecision::TooHigh : kt::GainDecision::Nil));
+    const float next = i == 50035 ? 0.25f : 0.5f;
+    gains.Add(Data::Gain::Of(at, gain, next, i == 50035 ? kt::GainDecision::TooHigh : kt::GainDecision::Nil));
     gain = next;
   }
   const auto& v = volumes.Get();
@@ -434,7 +434,7 @@ TEST(Plot, ReadingsUpdatesAndSegmentsAreSummarisedWithinABound) {
   EXPECT_LE(g.size(), 4096u);
   const auto high = std::find_if(g.begin(), g.end(), [](const Data::Gain& s) { return !std::isnan(s.markS[kt::GainDecision::TooHigh]); });
   ASSERT_NE(high, g.end());
-  EXPECT_FLOAT_EQ(high->markS[kt::GainDecision::TooHigh], 1000.0f);
+  EXPECT_FLOAT_EQ(high->markS[kt::GainDecision::TooHigh], 1000.7f);
   EXPECT_EQ(high->low, 0.25f);
   EXPECT_EQ(std::count_if(g.begin(), g.end(), [](const Data::Gain& s) { return !std::isnan(s.markS[kt::GainDecision::Nil]); }), 1)
       << "the step back up is marked, the updates that only waited are not";
