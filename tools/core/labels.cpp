@@ -1,6 +1,7 @@
 #include "labels.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -326,6 +327,15 @@ std::string StemOf(const std::string& path) {
   std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   const size_t dot = name.find_last_of('.');
   return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+std::string RecordingId(const std::string& path) {
+  if (path == "-") return "stdin";
+  std::string id = StemOf(path);
+  for (char& c : id) {
+    if (std::isspace(static_cast<unsigned char>(c))) c = '_';
+  }
+  return id;
 }
 
 std::string FindLabelsFor(const std::string& recording) {

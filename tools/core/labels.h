@@ -36,4 +36,8 @@ std::string FindLabelsFor(const std::string& recording);
 // The stem of a path: its file name without directory and extension.
 std::string StemOf(const std::string& path);
 
+// The ID a recording goes by in RTTM files, one of its space-separated fields: the stem with
+// every blank (space, tab, ...) replaced by '_', and "stdin" for standard input ("-").
+std::string RecordingId(const std::string& path);
+
 }  // namespace ktcli

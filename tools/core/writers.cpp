@@ -1,6 +1,8 @@
 #include "writers.h"
 
 #include <algorithm>
+#include <cctype>
+#include <stdexcept>
 #include <cmath>
 
 #include "textformat.h"
@@ -44,6 +46,13 @@ std::string PlainWriter::Take(const Record& record) {
            "\n";
   }
   return "";
+}
+
+LabelWriter::LabelWriter(LabelFormat format, std::string fileId) : _format(format), _fileId(std::move(fileId)) {
+  const bool blank = std::any_of(_fileId.begin(), _fileId.end(), [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+  if (_format == LabelFormat::Rttm && (_fileId.empty() || blank)) {
+    throw std::invalid_argument("an RTTM recording ID must be one word, without blanks: \"" + _fileId + "\"");
+  }
 }
 
 std::string LabelWriter::Line(const Region& region) const {

@@ -45,7 +45,9 @@ class JsonLinesWriter : public RecordWriter {
 // first) at the end of the stream.
 class LabelWriter : public RecordWriter {
  public:
-  LabelWriter(LabelFormat format, std::string fileId) : _format(format), _fileId(std::move(fileId)) {}
+  // An RTTM ID is one of the line's space-separated fields: empty or with blanks it is refused
+  // (std::invalid_argument); RecordingId gives one from a path.
+  LabelWriter(LabelFormat format, std::string fileId);
   std::string Take(const Record& record) override;
   // All regions in one go, as Take would give them for a stream of durationS seconds.
   std::string Write(const std::vector<Region>& regions, double durationS);

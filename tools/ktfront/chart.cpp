@@ -120,6 +120,70 @@ void PlotData::FrameSpans::Add(const Frame& frame) {
   _inLast = 1;
 }
 
+PlotData::Volume PlotData::Volume::Of(float startS, float endS, float snrVolumePct, kt::AnalyzerVolumeMeter::Info info) {
+  Volume volume{startS, endS, snrVolumePct, snrVolumePct, snrVolumePct, snrVolumePct, {0, 0, 0, 0}};
+  volume.seconds.at(info) = endS - startS;
+  return volume;
+}
+
+PlotData::Volume PlotData::Volume::Merge(const Volume& a, const Volume& b) {
+  Volume merged{a.startS, b.endS, a.first, b.last, std::min(a.low, b.low), std::max(a.high, b.high), a.seconds};
+  for (size_t i = 0; i < merged.seconds.size(); ++i) merged.seconds[i] += b.seconds[i];
+  return merged;
+}
+
+kt::AnalyzerVolumeMeter::Info PlotData::Volume::Verdict() const {
+  // A single reading's own verdict, however short its time.
+  if (startS == endS && first == last) {
+    for (size_t i = 0; i < seconds.size(); ++i) {
+      if (seconds[i] > 0) return static_cast<kt::AnalyzerVolumeMeter::Info>(i);
+    }
+  }
+  return static_cast<kt::AnalyzerVolumeMeter::Info>(std::max_element(seconds.begin(), seconds.end()) - seconds.begin());
+}
+
+PlotData::Gain PlotData::Gain::Of(float timeS, float before, float gain, std::optional<kt::GainDecision::Outcome> outcome) {
+  Gain update{timeS, timeS, before, gain, gain, gain, {}, {}};
+  update.markS.fill(NAN);
+  update.markGain.fill(NAN);
+  // An update that only waited is not marked.
+  const kt::GainDecision::Outcome kind = outcome.value_or(kt::GainDecision::Nil);
+  if (kind != kt::GainDecision::Nil || gain != before) {
+    update.markS.at(kind) = timeS;
+    update.markGain.at(kind) = gain;
+  }
+  return update;
+}
+
+PlotData::Gain PlotData::Gain::Merge(const Gain& a, const Gain& b) {
+  Gain merged{a.startS, b.endS, a.before, std::min(a.low, b.low), std::max(a.high, b.high), b.last, a.markS, a.markGain};
+  for (size_t i = 0; i < merged.markS.size(); ++i) {
+    if (!std::isnan(b.markS[i])) merged.markS[i] = b.markS[i], merged.markGain[i] = b.markGain[i];
+  }
+  return merged;
+}
+
+void PlotData::Segments::Add(double startS, double endS) {
+  if (!_regions.empty() && startS - _regions.back().endS <= _joinS) {
+    _regions.back().endS = std::max(_regions.back().endS, endS);
+    return;
+  }
+  _regions.push_back({startS, endS});
+  if (_regions.size() < Spans<Volume>::kMaxSpans) return;
+  while (_regions.size() > Spans<Volume>::kMaxSpans / 2) {
+    _joinS = _joinS < 0 ? 0.01 : 2 * _joinS;
+    std::vector<Region> joined;
+    for (const Region& region : _regions) {
+      if (!joined.empty() && region.startS - joined.back().endS <= _joinS) {
+        joined.back().endS = std::max(joined.back().endS, region.endS);
+      } else {
+        joined.push_back(region);
+      }
+    }
+    _regions = std::move(joined);
+  }
+}
+
 double Plot::Panel::Y(double value) const {
   const double clamped = std::clamp(value, _low, _high);
   return GetBottom() - (clamped - _low) / (_high - _low) * _height;
@@ -234,7 +298,7 @@ void Plot::DrawPanel(cairo_t* cr, const Panel& panel,
 }
 
 void Plot::DrawTitle(cairo_t* cr) const {
-  const size_t count = _data.segments.size();
+  const size_t count = _data.segmentCount;
   std::string title = _data.name + "   " + std::to_string(_data.rateHz) + " Hz, " +
                       Fixed(_data.durationS, 2) + " s, " + std::to_string(count) +
                       (count == 1 ? " speech segment" : " speech segments");
@@ -298,11 +362,20 @@ void Plot::DrawTimeAxis(cairo_t* cr, const std::vector<Panel>& panels) const {
 
 void Plot::ShadeSegments(cairo_t* cr, const Panel& panel) const {
   SetColour(cr, kSpeechShade);
-  for (const SegmentRecord& segment : _data.segments) {
+  // Segments less than a pixel apart are shaded as one.
+  double left = 0.0, right = -2.0;
+  auto shade = [&]() {
+    if (right > left) cairo_rectangle(cr, left, panel.GetTop(), right - left, panel.GetBottom() - panel.GetTop());
+  };
+  for (const Region& segment : _data.segments.Get()) {
     if (!Shows(segment.startS, segment.endS)) continue;
-    cairo_rectangle(cr, XWithin(segment.startS), panel.GetTop(), XWithin(segment.endS) - XWithin(segment.startS),
-                    panel.GetBottom() - panel.GetTop());
+    if (XWithin(segment.startS) - right >= 1.0) {
+      shade();
+      left = XWithin(segment.startS);
+    }
+    right = XWithin(segment.endS);
   }
+  shade();
   cairo_fill(cr);
 }
 
@@ -416,52 +489,50 @@ std::vector<Plot::LegendEntry> Plot::DrawEnergy(cairo_t* cr, const Panel& panel)
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel) const {
-  // Each reading covers the time since the previous one: a band of verdicts along the
-  // bottom, merged where the verdict stays, and the per-cent curve above it.
-  const std::vector<PlotData::Volume>& readings = _data.volumes;
-  double bandStartS = 0.0;
-  for (size_t i = 0; i < readings.size(); ++i) {
-    if (i + 1 < readings.size() && readings[i + 1].info == readings[i].info) continue;
-    if (Shows(bandStartS, readings[i].timeS)) {
-      SetColour(cr, VerdictColour(readings[i].info));
-      cairo_rectangle(cr, XWithin(bandStartS), panel.Y(kVerdictHighPct),
-                      XWithin(readings[i].timeS) - XWithin(bandStartS),
+  // A band of verdicts along the bottom, merged where the verdict stays (a span shows the one
+  // that held longest in it), and the per-cent curve above it.
+  const std::vector<PlotData::Volume>& spans = _data.volumes.Get();
+  for (size_t i = 0, band = 0; i < spans.size(); ++i) {
+    if (i + 1 < spans.size() && spans[i + 1].Verdict() == spans[i].Verdict()) continue;
+    if (Shows(spans[band].startS, spans[i].endS)) {
+      SetColour(cr, VerdictColour(spans[i].Verdict()));
+      cairo_rectangle(cr, XWithin(spans[band].startS), panel.Y(kVerdictHighPct),
+                      XWithin(spans[i].endS) - XWithin(spans[band].startS),
                       panel.Y(kVerdictLowPct) - panel.Y(kVerdictHighPct));
       cairo_fill(cr);
     }
-    bandStartS = readings[i].timeS;
+    band = i + 1;
   }
-  double previousS = 0.0;
   bool drawing = false;
   double column = 0.0, lowY = 0.0, highY = 0.0, lastY = 0.0;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kTeal);
-  for (const PlotData::Volume& reading : readings) {
-    const double startS = previousS;
-    previousS = reading.timeS;
-    if (!Shows(startS, reading.timeS)) continue;
-    // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
-    const double y = panel.Y(std::max(0.0f, reading.snrVolumePct));
-    const double startX = XWithin(startS);
-    const double endX = XWithin(reading.timeS);
+  // Negative readings (decaying maximum below the noise floor) are drawn at 0 %.
+  auto y = [&](float pct) { return panel.Y(std::max(0.0f, pct)); };
+  for (const PlotData::Volume& span : spans) {
+    if (!Shows(span.startS, span.endS)) continue;
+    const double startX = XWithin(span.startS);
+    const double endX = XWithin(span.endS);
     // Readings within one pixel column are drawn as one stroke over their extremes.
     if (drawing && std::floor(startX) == column && std::floor(endX) == column) {
-      lowY = std::max(lowY, y);
-      highY = std::min(highY, y);
-      lastY = y;
+      lowY = std::max(lowY, y(span.low));
+      highY = std::min(highY, y(span.high));
+      lastY = y(span.last);
       continue;
     }
-    if (!drawing) cairo_move_to(cr, startX, y);
+    if (!drawing) cairo_move_to(cr, startX, y(span.first));
     if (drawing && lowY != highY) {
       cairo_line_to(cr, column + 0.5, lowY);
       cairo_line_to(cr, column + 0.5, highY);
       cairo_line_to(cr, column + 0.5, lastY);
     }
     drawing = true;
-    cairo_line_to(cr, startX, y);
-    cairo_line_to(cr, endX, y);
+    cairo_line_to(cr, startX, y(span.first));
+    cairo_line_to(cr, endX, y(span.last));
     column = std::floor(endX);
-    lowY = highY = lastY = y;
+    lowY = y(span.low);
+    highY = y(span.high);
+    lastY = y(span.last);
   }
   if (drawing && lowY != highY) {
     cairo_line_to(cr, column + 0.5, lowY);
@@ -477,30 +548,37 @@ std::vector<Plot::LegendEntry> Plot::DrawVolume(cairo_t* cr, const Panel& panel)
 }
 
 std::vector<Plot::LegendEntry> Plot::DrawGain(cairo_t* cr, const Panel& panel) const {
-  double gain = _data.startGain;
+  const std::vector<PlotData::Gain>& spans = _data.gains.Get();
+  double gain = _data.windowGain;
   cairo_set_line_width(cr, 2.0);
   SetColour(cr, kDark);
-  auto update = _data.gains.begin();
-  for (; update != _data.gains.end() && update->timeS < _fromS; ++update) gain = update->gain;
   cairo_move_to(cr, X(_fromS), panel.Y(gain));
-  for (; update != _data.gains.end() && update->timeS <= _toS; ++update) {
-    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
-    gain = update->gain;
-    cairo_line_to(cr, X(update->timeS), panel.Y(gain));
+  for (const PlotData::Gain& span : spans) {
+    cairo_line_to(cr, X(span.startS), panel.Y(span.before));
+    // Several updates within a span: a stroke over their extremes.
+    if (span.low != span.high) {
+      cairo_line_to(cr, X(span.startS), panel.Y(span.low));
+      cairo_line_to(cr, X(span.startS), panel.Y(span.high));
+    }
+    cairo_line_to(cr, X(span.startS), panel.Y(span.last));
+    if (span.endS != span.startS) cairo_line_to(cr, X(span.endS), panel.Y(span.last));
+    gain = span.last;
   }
   cairo_line_to(cr, X(_toS), panel.Y(gain));
   cairo_stroke(cr);
-  // Mark the updates that did more than wait.
-  gain = _data.startGain;
-  for (const GainRecord& update : _data.gains) {
-    const bool stepped = update.gain != gain;
-    gain = update.gain;
-    std::optional<kt::GainDecision::Outcome> outcome;
-    if (update.decision) outcome = update.decision->outcome;
-    if ((outcome == kt::GainDecision::Nil && !stepped) || !Shows(update.timeS, update.timeS)) continue;
-    SetColour(cr, DecisionColour(outcome));
-    cairo_arc(cr, X(update.timeS), panel.Y(update.gain), 4.0, 0, 2 * M_PI);
-    cairo_fill(cr);
+  // Mark the updates that did more than wait, once per kind and pixel.
+  std::array<std::pair<double, double>, 5> drawn;
+  drawn.fill({NAN, NAN});
+  for (const PlotData::Gain& span : spans) {
+    for (size_t kind = 0; kind < span.markS.size(); ++kind) {
+      if (std::isnan(span.markS[kind]) || !Shows(span.markS[kind], span.markS[kind])) continue;
+      const std::pair<double, double> pixel{std::floor(X(span.markS[kind])), std::floor(panel.Y(span.markGain[kind]))};
+      if (pixel == drawn[kind]) continue;
+      drawn[kind] = pixel;
+      SetColour(cr, DecisionColour(static_cast<kt::GainDecision::Outcome>(kind)));
+      cairo_arc(cr, X(span.markS[kind]), panel.Y(span.markGain[kind]), 4.0, 0, 2 * M_PI);
+      cairo_fill(cr);
+    }
   }
   return {{"gain (closed loop)", LegendEntry::Line, kDark},
               {"too low: jump up", LegendEntry::Box, DecisionColour(kt::GainDecision::TooLow)},

@@ -3,7 +3,9 @@
 // speech segments, volume readings with verdicts and, when given, the gain trajectory.
 #include <cairo.h>
 
+#include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,21 +52,77 @@ struct PlotData {
     size_t _inLast = 0;  // frames in the last span
     std::vector<Span> _spans;
   };
+  // Spans of consecutive items of a series, at most kMaxSpans: once full, neighbouring pairs
+  // merge (T::Merge), so that memory follows the picture's width, not the recording's length.
+  template <typename T>
+  class Spans {
+   public:
+    static constexpr size_t kMaxSpans = 4096;
+    void Add(const T& item) {
+      if (!_spans.empty() && _inLast < _perSpan) {
+        _spans.back() = T::Merge(_spans.back(), item);
+        ++_inLast;
+        return;
+      }
+      if (_spans.size() == kMaxSpans) {
+        for (size_t i = 0; i < kMaxSpans / 2; ++i) _spans[i] = T::Merge(_spans[2 * i], _spans[2 * i + 1]);
+        _spans.resize(kMaxSpans / 2);
+        _perSpan *= 2;
+      }
+      _spans.push_back(item);
+      _inLast = 1;
+    }
+    const std::vector<T>& Get() const { return _spans; }
+
+   private:
+    size_t _perSpan = 1;
+    size_t _inLast = 0;
+    std::vector<T> _spans;
+  };
+  // Volume readings, each covering the time since the one before: SNR volume in per cent.
   struct Volume {
-    float timeS;
-    float snrVolumePct;
-    kt::AnalyzerVolumeMeter::Info info;
+    float startS, endS;
+    float first, last, low, high;
+    std::array<float, 4> seconds;  // under each verdict (kt::AnalyzerVolumeMeter::Info)
+    static Volume Of(float startS, float endS, float snrVolumePct, kt::AnalyzerVolumeMeter::Info info);
+    static Volume Merge(const Volume& a, const Volume& b);
+    // The verdict that held longest.
+    kt::AnalyzerVolumeMeter::Info Verdict() const;
+  };
+  // Gain updates from startS to endS: the gain in force before them, their extremes and the
+  // last; per outcome (Nil: a step without one), the last update marked, NaN if none.
+  struct Gain {
+    float startS, endS;
+    float before, low, high, last;
+    std::array<float, 5> markS, markGain;
+    static Gain Of(float timeS, float before, float gain, std::optional<kt::GainDecision::Outcome> outcome);
+    static Gain Merge(const Gain& a, const Gain& b);
+  };
+  // Speech regions; once they outnumber Spans' bound, neighbours less than a gap apart are
+  // joined, the gap doubling as needed: by then about a pixel column of the picture.
+  class Segments {
+   public:
+    void Add(double startS, double endS);
+    const std::vector<Region>& Get() const { return _regions; }
+
+   private:
+    double _joinS = -1.0;
+    std::vector<Region> _regions;
   };
   std::string name;
   int rateHz = 0;
   double durationS = 0.0;
   double frameMs = 20.0;
   FrameSpans frames;
-  std::vector<Volume> volumes;
-  std::vector<SegmentRecord> segments;
+  // Volume readings and gain updates within the window; the gain in force where it starts.
+  Spans<Volume> volumes;
+  Spans<Gain> gains;
+  // The segments within the window, and how many there were in all.
+  Segments segments;
+  size_t segmentCount = 0;
   bool agc = false;
   float startGain = 0.5f;
-  std::vector<GainRecord> gains;
+  float windowGain = 0.5f;
 };
 
 class Plot {

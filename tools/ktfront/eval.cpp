@@ -149,7 +149,7 @@ std::vector<Recording> LoadLabelled(const std::vector<std::string>& files, const
       throw std::runtime_error("no labels for " + files[i] + " (looked for " + StemOf(files[i]) +
                                ".labels, .txt, .rttm, .TextGrid, .json beside it)");
     }
-    const std::vector<Region> reference = ReadLabels(labelPath, labelsId.empty() ? StemOf(files[i]) : labelsId);
+    const std::vector<Region> reference = ReadLabels(labelPath, labelsId.empty() ? RecordingId(files[i]) : labelsId);
     recordings[i] = Decode(files[i], rawRateHz);
     recordings[i].reference = reference;
   });
@@ -241,11 +241,8 @@ Runner DeclareEval(CLI::App& app) {
   auto options = std::make_shared<EvalOptions>();
   CLI::App* command = app.add_subcommand("eval", "Score the detected speech against reference labels");
   command->add_option("FILE", options->files, "Recordings, or @list.txt")->required();
-  command->add_option("--labels", options->labels, "Reference labels: one file for all or one per recording "
-                      "(default: STEM.labels, .txt, .rttm, .TextGrid or .json beside each recording)")
-      ->allow_extra_args(false);
-  command->add_option("--labels-id", options->labelsId,
-                      "The RTTM recording ID to score against (default: each recording's stem)");
+  AddLabelsOption(command, options->labels);
+  AddLabelsIdOption(command, options->labelsId);
   AddParamsOption(command, options->params, "Analyzer");
   command->add_option("--collar", options->collarS, "Seconds around each reference boundary left unscored")
       ->check(Within(0, 1e6));

@@ -45,7 +45,7 @@ int RunPlot(const PlotOptions& options) {
   }
   std::vector<Region> labels;
   if (!options.labelsPath.empty()) {
-    labels = ReadLabels(options.labelsPath, options.labelsId.empty() ? StemOf(options.input.path) : options.labelsId);
+    labels = ReadLabels(options.labelsPath, options.labelsId.empty() ? RecordingId(options.input.path) : options.labelsId);
   }
   std::vector<PendingFile> files;
   for (const std::string& path : options.outputs) files.emplace_back(path);
@@ -65,7 +65,12 @@ int RunPlot(const PlotOptions& options) {
   data.frames = PlotData::FrameSpans(
       options.fromGiven ? static_cast<size_t>(std::max(0.0, std::floor(options.fromS / frameS) - 1)) : 0,
       options.toGiven ? static_cast<size_t>(std::ceil(options.toS / frameS)) + 1 : SIZE_MAX);
-  data.startGain = options.startGain;
+  data.startGain = data.windowGain = options.startGain;
+  // Volume readings, segments and gain updates are kept only within the window.
+  const double windowFromS = options.fromGiven ? options.fromS : 0.0;
+  const double windowToS = options.toGiven ? options.toS : INFINITY;
+  auto within = [&](double startS, double endS) { return endS >= windowFromS && startS <= windowToS; };
+  float volumeS = 0.0f;
   // Each frame's extremes wait here until the analyzer has decided the frame.
   std::deque<std::pair<int16_t, int16_t>> extremes;
   int16_t low = 0;
@@ -73,10 +78,14 @@ int RunPlot(const PlotOptions& options) {
   int inFrame = 0;
   auto onRecord = [&](const Record& record) {
     if (const auto* volume = record.Get<VolumeRecord>()) {
-      data.volumes.push_back({static_cast<float>(volume->timeMs / 1000.0), static_cast<float>(volume->snrVolumePct),
-                              volume->info});
+      const float startS = volumeS;
+      volumeS = static_cast<float>(volume->timeMs / 1000.0);
+      if (within(startS, volumeS)) {
+        data.volumes.Add(PlotData::Volume::Of(startS, volumeS, static_cast<float>(volume->snrVolumePct), volume->info));
+      }
     } else if (const auto* segment = record.Get<SegmentRecord>()) {
-      data.segments.push_back(*segment);
+      ++data.segmentCount;
+      if (within(segment->startS, segment->endS)) data.segments.Add(segment->startS, segment->endS);
     }
   };
   auto onFrame = [&](const kt::FrameDecision& d) {
@@ -92,9 +101,21 @@ int RunPlot(const PlotOptions& options) {
   };
   VadRun vad(source.GetName(), rateHz, options.params, blockSamples, VadRun::Wanted{true, false}, onRecord, onFrame);
   std::unique_ptr<AgcRun> agc;
+  float gain = options.startGain;
   if (options.agc) {
     agc = std::make_unique<AgcRun>(source.GetName(), rateHz, options.agcParams, options.startGain, nullptr,
-                                   [&](const Record& record) { data.gains.push_back(*record.Get<GainRecord>()); });
+                                   [&](const Record& record) {
+                                     const GainRecord& update = *record.Get<GainRecord>();
+                                     std::optional<kt::GainDecision::Outcome> outcome;
+                                     if (update.decision) outcome = update.decision->outcome;
+                                     if (update.timeS < windowFromS) {
+                                       data.windowGain = update.gain;
+                                     } else if (update.timeS <= windowToS) {
+                                       data.gains.Add(PlotData::Gain::Of(static_cast<float>(update.timeS), gain,
+                                                                         update.gain, outcome));
+                                     }
+                                     gain = update.gain;
+                                   });
   }
   const bool interrupted = PumpInput(source, blockSamples, [&](const kt::AudioData& block) {
     for (const int16_t s : block) {
@@ -141,7 +162,7 @@ Runner DeclarePlot(CLI::App& app) {
   command->add_option("-o,--output", options->outputs, "Picture to write, .svg or .png; may be repeated")->required();
   command->add_option("--labels", options->labelsPath,
                       "Reference regions to draw: plain, Audacity, RTTM, TextGrid or JSON");
-  command->add_option("--labels-id", options->labelsId, "The RTTM recording ID to draw (default: the recording's stem)");
+  AddLabelsIdOption(command, options->labelsId);
   command->add_flag("--agc", options->agc, "Add the gain trajectory of a closed-loop gain control run");
   command->add_option("--agc-params", options->agcParams, "Gain-control parameter string for --agc");
   command->add_option("--from", options->fromS, "Show the recording from this time (s)")->check(Within(0, 1e9));

@@ -130,8 +130,10 @@ int RunSplit(const SplitOptions& options) {
     const auto* segment = record.Get<SegmentRecord>();
     if (event && event->tag == kt::AnalyzerEvent::SpeechStart) {
       writer.Start(event->timeMs / 1000.0);
-    } else if (segment && !segment->open) {
-      out.Add(writer.Finish(segment->endS) + " " + Fixed(segment->startS, 3) + " " + Fixed(segment->endS, 3) + "\n");
+    } else if (segment && (!segment->open || source.IsLive())) {
+      // A live input ends only by a signal, so its open segment is what was heard last: kept.
+      out.Add(writer.Finish(segment->endS) + " " + Fixed(segment->startS, 3) + " " + Fixed(segment->endS, 3) +
+              (segment->open ? " open\n" : "\n"));
     }
   };
   VadRun run(source.GetName(), source.GetRateHz(), options.params, blockSamples, VadRun::Wanted{}, sink);
@@ -143,7 +145,7 @@ int RunSplit(const SplitOptions& options) {
       },
       [&](const AudioSource& chunk) { writer.Append(chunk.GetSourceChunk()); });
   run.Finish(interrupted);
-  writer.Close();  // a segment the interruption left open
+  writer.Close();  // a segment the interruption left open in a file input
   out.Flush();
   ReportRate(source, interrupted);
   return 0;

@@ -82,6 +82,17 @@ CLI::Option* AddApiOption(CLI::App* command, std::string& api) {
       ->check(CLI::IsMember({"c", "classes"}));
 }
 
+void AddLabelsOption(CLI::App* command, std::vector<std::string>& labels) {
+  command->add_option("--labels", labels, "Reference labels, one file a use: one for all or one per recording "
+                      "(default: STEM.labels, .txt, .rttm, .TextGrid or .json beside each recording)")
+      ->allow_extra_args(false);
+}
+
+void AddLabelsIdOption(CLI::App* command, std::string& labelsId) {
+  command->add_option("--labels-id", labelsId,
+                      "The RTTM recording ID to read (default: each recording's stem, blanks as _)");
+}
+
 void Warn(const std::vector<std::string>& warnings) {
   // Every file of a run checks the same string; its warnings are printed once.
   static std::mutex mutex;

@@ -51,6 +51,10 @@ void AddRateOption(CLI::App* command, int& rawRateHz);
 void AddBlockOption(CLI::App* command, int& blockMs);
 void AddParamsOption(CLI::App* command, std::string& params, const char* service);
 CLI::Option* AddApiOption(CLI::App* command, std::string& api);
+// The label options of every command that reads reference labels, declared once so that
+// they all take the same: --labels (one file a use) and --labels-id.
+void AddLabelsOption(CLI::App* command, std::vector<std::string>& labels);
+void AddLabelsIdOption(CLI::App* command, std::string& labelsId);
 
 // Every numeric option: a finite number from low to high, else a one-line usage error;
 // whole numbers only when integral.

@@ -149,9 +149,11 @@ std::vector<std::string> NamesOf(const std::vector<Recording>& recordings) {
   return names;
 }
 
-std::vector<Recording> LoadAll(const std::vector<std::string>& files, const std::vector<std::string>& labels, int jobs) {
+std::vector<Recording> LoadAll(const std::vector<std::string>& files, const std::vector<std::string>& labels,
+                               const TuneOptions& options, const std::string& labelsId) {
   std::vector<std::string> errors;
-  std::vector<Recording> recordings = LoadLabelled(ExpandManifests(files), labels, 0, jobs, errors);
+  std::vector<Recording> recordings =
+      LoadLabelled(ExpandManifests(files), labels, options.rawRateHz, options.jobs, errors, labelsId);
   for (const std::string& error : errors) {
     if (!error.empty()) throw std::runtime_error(error);
   }
@@ -218,6 +220,13 @@ std::vector<KeyRange> ReadSpace(const std::string& path) {
     if (!(range.low <= range.high) || !(range.step > 0) || !std::isfinite(range.high)) {
       throw std::runtime_error(where + "expected LOW <= HIGH and a positive STEP");
     }
+    // A key the analyzer reads as an integer would run 110.5 as 110: the search would try
+    // strings that differ only in ignored digits, and print a value that is not the one used.
+    const std::string half = range.key + "=0.5";
+    const bool whole = kt::AudioAnalyzer::GetParameterReadTexts(half)[range.key] != "0.5";
+    if (whole && (range.low != std::floor(range.low) || range.step != std::floor(range.step))) {
+      throw std::runtime_error(where + range.key + " is read as a whole number: LOW and STEP must be whole");
+    }
     space.push_back(range);
   }
   if (space.empty()) throw std::runtime_error(path + ": no keys to search");
@@ -237,7 +246,7 @@ int RunTune(const TuneOptions& options) {
   }
   if (options.evaluations < 1) throw UsageError("--evals must be at least 1");
   if (options.folds < 0) throw UsageError("--folds must be 0 (none) or more");
-  const std::vector<Recording> recordings = LoadAll(options.files, options.labels, options.jobs);
+  const std::vector<Recording> recordings = LoadAll(options.files, options.labels, options, options.labelsId);
   const std::vector<int> groupOf = GroupPaths(NamesOf(recordings), options.groups);
   const int groups = *std::max_element(groupOf.begin(), groupOf.end()) + 1;
   // Cross-validation needs a group to hold out and one to search on.
@@ -299,7 +308,7 @@ int RunTune(const TuneOptions& options) {
   std::vector<Recording> held;
   std::vector<Score> heldDefaults, heldTuned;
   if (!options.validate.empty()) {
-    held = LoadAll(options.validate, {}, options.jobs);
+    held = LoadAll(options.validate, {}, options, "");
     heldDefaults = ScoreEach(held, "", options);
     heldTuned = ScoreEach(held, bestParams, options);
   }
@@ -357,7 +366,8 @@ Runner DeclareTune(CLI::App& app) {
   auto options = std::make_shared<TuneOptions>();
   CLI::App* command = app.add_subcommand("tune", "Search the analyzer's parameter string for the lowest error rate");
   command->add_option("FILE", options->files, "Labelled recordings to tune on, or @list.txt")->required();
-  command->add_option("--labels", options->labels, "Reference labels, as for eval")->allow_extra_args(false);
+  AddLabelsOption(command, options->labels);
+  AddLabelsIdOption(command, options->labelsId);
   command->add_option("--validate", options->validate, "Labelled recordings to compare defaults and best string on")
       ->expected(1, -1);
   command->add_option("--keys", options->keys, "Keys to search (default: time-out, speech window, histogram)")
@@ -380,6 +390,7 @@ Runner DeclareTune(CLI::App& app) {
   AddJobsOption(command, options->jobs, "Threads (default: one per core)");
   command->add_flag("--json", options->json, "The best string, then every score as JSON Lines");
   AddBlockOption(command, options->blockMs);
+  AddRateOption(command, options->rawRateHz);
   return [options] { return RunTune(*options); };
 }
 

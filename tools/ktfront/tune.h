@@ -17,6 +17,8 @@ std::vector<KeyRange> ReadSpace(const std::string& path);
 struct TuneOptions {
   std::vector<std::string> files;
   std::vector<std::string> labels;
+  std::string labelsId;  // the tuning recordings' RTTM ID
+  int rawRateHz = 0;     // headerless input's rate
   std::vector<std::string> validate;
   std::vector<std::string> keys;
   std::string spacePath;

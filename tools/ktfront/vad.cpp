@@ -1,6 +1,7 @@
 // ktfront vad: the speech segments of recordings, with volume and frames on request, as plain
 // lines, JSON Lines or label files.
 #include <CLI/CLI.hpp>
+#include <map>
 #include <memory>
 
 #include "blocks.h"
@@ -30,7 +31,7 @@ struct VadOptions {
 
 std::unique_ptr<RecordWriter> MakeWriter(const VadOptions& options, const std::string& name) {
   if (options.format != "plain" && options.format != "json") {
-    return std::make_unique<LabelWriter>(ParseLabelFormat(options.format), StemOf(name));
+    return std::make_unique<LabelWriter>(ParseLabelFormat(options.format), RecordingId(name));
   }
   if (options.json) return std::make_unique<JsonLinesWriter>(options.files.size() > 1);
   return std::make_unique<PlainWriter>(options.volume, options.frames);
@@ -49,7 +50,7 @@ int RunVad(const VadOptions& options) {
   if (!throughC) Warn(CheckAnalyzerParams(options.params, rateHz));
   const int blockSamples = BlockSamples(options.input.blockMs, rateHz, "--block-ms");
   LineBuffer out;
-  const std::unique_ptr<RecordWriter> writer = MakeWriter(options, source.GetName());
+  const std::unique_ptr<RecordWriter> writer = MakeWriter(options, options.input.path);
   auto sink = [&](const Record& record) { out.Add(writer->Take(record)); };
   const VadRun::Wanted wanted{options.volume || options.json, !throughC && (options.frames || options.json)};
   std::unique_ptr<VadRun> run =
@@ -90,6 +91,14 @@ Runner DeclareVad(CLI::App& app) {
     options->files = files;
     if (files.size() > 1 && (options->format == "audacity" || options->format == "textgrid")) {
       throw UsageError("--format " + options->format + " holds one recording: use rttm, json or plain for several");
+    }
+    // Lines of two recordings with one ID could not be told apart.
+    std::map<std::string, std::string> ids;
+    for (const std::string& path : options->format == "rttm" ? files : std::vector<std::string>()) {
+      const auto [other, fresh] = ids.emplace(RecordingId(path), path);
+      if (!fresh) {
+        throw UsageError(other->second + " and " + path + " would both be RTTM recording \"" + other->first + "\"");
+      }
     }
     const Framing framing = options->json ? JsonFraming() : options->format == "rttm" ? RttmFraming() : PlainFraming();
     // The C interface holds one analyzer for the whole process.

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <set>
 #include <sstream>
 #include <string>
@@ -406,6 +407,52 @@ TEST(Plot, FrameSpansKeepTheWindowsExtremes) {
   EXPECT_EQ(window.GetSpans().back().high.energy, 9.0f);
 }
 
+// An hour of volume readings, gain updates and segments is held in bounded summaries that keep
+// a lone extreme, a rare decision and a long pause.
+TEST(Plot, ReadingsUpdatesAndSegmentsAreSummarisedWithinABound) {
+  using Data = ktcli::PlotData;
+  using Meter = kt::AnalyzerVolumeMeter;
+  Data::Spans<Data::Volume> volumes;
+  Data::Spans<Data::Gain> gains;
+  float gain = 0.5f;
+  for (int i = 0; i < 180000; ++i) {  // 20 ms readings, 1 hour
+    const float at = i * 0.02f;
+    volumes.Add(Data::Volume::Of(at, at + 0.02f, i == 90001 ? 97.0f : 40.0f + i % 2, i % 4 ? Meter::TooSoft : Meter::OK));
+    if (i % 5) continue;
+    const float next = i == 50035 ? 0.25f : 0.5f;
+    gains.Add(Data::Gain::Of(at, gain, next, i == 50035 ? kt::GainDecision::TooHigh : kt::GainDecision::Nil));
+    gain = next;
+  }
+  const auto& v = volumes.Get();
+  EXPECT_LE(v.size(), 4096u);
+  EXPECT_GT(v.size(), 2048u);
+  EXPECT_EQ(std::count_if(v.begin(), v.end(), [](const Data::Volume& s) { return s.high == 97.0f; }), 1);
+  EXPECT_TRUE(std::all_of(v.begin(), v.end(), [](const Data::Volume& s) { return s.low == 40.0f && s.Verdict() == Meter::TooSoft; }));
+  EXPECT_NEAR(v.back().endS - v.front().startS, 3600.0, 0.01);
+  EXPECT_NEAR(std::accumulate(v.begin(), v.end(), 0.0, [](double sum, const Data::Volume& s) { return sum + s.seconds[Meter::OK]; }), 900.0, 2.0);
+  const auto& g = gains.Get();
+  EXPECT_LE(g.size(), 4096u);
+  const auto high = std::find_if(g.begin(), g.end(), [](const Data::Gain& s) { return !std::isnan(s.markS[kt::GainDecision::TooHigh]); });
+  ASSERT_NE(high, g.end());
+  EXPECT_FLOAT_EQ(high->markS[kt::GainDecision::TooHigh], 1000.7f);
+  EXPECT_EQ(high->low, 0.25f);
+  EXPECT_EQ(std::count_if(g.begin(), g.end(), [](const Data::Gain& s) { return !std::isnan(s.markS[kt::GainDecision::Nil]); }), 1)
+      << "the step back up is marked, the updates that only waited are not";
+  // 12000 segments of 0.1 s every 0.3 s, a 100 s pause after the 6000th: the short pauses,
+  // under a pixel of any picture of so many, are joined; the long one stays.
+  Data::Segments segments;
+  for (int i = 0; i < 12000; ++i) {
+    const double at = i * 0.3 + (i >= 6000 ? 100.0 : 0.0);
+    segments.Add(at, at + 0.1);
+  }
+  const auto& r = segments.Get();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0].startS, 0.0);
+  EXPECT_DOUBLE_EQ(r[0].endS, 5999 * 0.3 + 0.1);
+  EXPECT_DOUBLE_EQ(r[1].startS, 6000 * 0.3 + 100.0);
+  EXPECT_DOUBLE_EQ(r[1].endS, 11999 * 0.3 + 100.1);
+}
+
 TEST(Plot, WritesSvgAndPng) {
   Dir dir;
   const Cli run("plot --agc --from 1 --to 5 --labels " + Sample("forecast_16000", ".labels") + " -o " + (dir / "p.svg") + " -o " + (dir / "p.png") + " " + Sample("forecast_16000"));
@@ -521,8 +568,9 @@ TEST(Output, GoesWhereItWasAskedFor) {
   ExpectEveryLabelFound("message_8000", Intervals(std::istringstream(Cli("agc " + sample + " -o - | " + KTFRONT_CLI + " vad -").out)), "agc -o -");
 }
 
-// Stopping a live input is the only way to end it: what was heard stays, as a complete WAV and log.
-TEST(Agc, ALiveRecordingKeepsItsFilesOnInterrupt) {
+// Stopping a live input is the only way to end it: what was heard stays, as a complete WAV and
+// log, and as split's open segment up to where it stopped.
+TEST(Interrupt, ALiveInputKeepsWhatWasHeard) {
   Dir dir;
   Child child("agc --rate 16000 - -o " + (dir / "live.wav") + " --log " + (dir / "live.log"));
   child.Write(Forecast(3.0));
@@ -536,6 +584,17 @@ TEST(Agc, ALiveRecordingKeepsItsFilesOnInterrupt) {
   EXPECT_EQ(ReadAudio(dir / "live.wav", rate, channels).size(), 48000u);
   EXPECT_EQ(fs::file_size(dir / "live.wav"), 44u + 96000u);
   EXPECT_GT(fs::file_size(dir / "live.log"), 100u);
+  Child split("split --rate 16000 - -o " + (dir / "parts"));
+  split.Write(Forecast(3.0));  // in the first sentence
+  usleep(500000);
+  split.Signal(SIGINT);
+  const std::string line = split.Finish(status, rss);
+  EXPECT_EQ(status, 0);
+  const std::vector<Interval> open = Intervals(std::istringstream(line));
+  ASSERT_EQ(open.size(), 1u) << line;
+  EXPECT_EQ(line.substr(0, line.find(' ')), dir / "parts/0001.wav");
+  EXPECT_EQ(line.substr(line.size() - 12), " 3.000 open\n");
+  EXPECT_NEAR(ReadAudio(dir / "parts/0001.wav", rate, channels).size(), (3.0 - open[0].first) * 16000, 8.0);
 }
 
 // One line naming the problem, the exit status, no output and no file left behind.
@@ -545,6 +604,7 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
   WriteAudio(dir / "slow.wav", std::vector<short>(7000), 7000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
   const std::string out = dir / "out/", sample = Sample("message_8000");
   fs::create_directory(out);
+  std::ofstream(dir / "space.txt") << "ThresholdOffsetPause 0 30 0.5\nEOSTimeoutMs 100 500 12.5\n";
   const std::vector<std::tuple<std::string, int, std::string>> cases = {
       {"vad " + (dir / "missing.wav"), 1, "cannot read " + (dir / "missing.wav")},
       {"vad " + (dir / "notes.txt"), 1, "cannot read " + (dir / "notes.txt")},
@@ -554,6 +614,8 @@ TEST(Errors, EachNamesTheProblemAndLeavesNoFile) {
       {"vad --api c --frames " + sample, 2, "--frames needs --api classes"},
       {"plot -o " + out + "p.pdf " + sample, 2, "must be .svg or .png"},
       {"vad - </dev/null", 1, "raw audio needs --rate"},
+      {"vad - < <(sleep 1) & sleep 0.3; kill -TERM $!; wait $!", 1, "standard input: interrupted before its format was known"},
+      {"tune --space " + (dir / "space.txt") + " " + sample, 1, "space.txt:2: EOSTimeoutMs is read as a whole number"},
       {"frobnicate " + sample, 2, "frobnicate"},
       {"vad --params EOSTimeoutMS=1 " + sample + " >/dev/null", 0, "reads no key \"EOSTimeoutMS\""},
       {"vad --json " + sample + " | head -c 1 >/dev/null; exit ${PIPESTATUS[0]}", 1, ""}};
@@ -602,6 +664,29 @@ TEST(ManyFiles, OutputIsOrderedAndNamesEachFileAndEachFailure) {
   const Cli rttm("vad --format rttm " + files);
   EXPECT_NE(rttm.out.find("\n;; error: " + (dir / "missing.wav") + ": cannot read"), std::string::npos) << rttm.out;
   EXPECT_NE(rttm.out.find("SPEAKER message_8000 1 1.060 3.460"), std::string::npos) << rttm.out;
+  // An RTTM ID is one field: standard input is "stdin", a blank in a stem becomes "_", and
+  // eval finds the recording by that ID; so do tune and plot, which take the same label options.
+  fs::copy_file(Sample("message_8000"), dir / "my take.wav");
+  const Cli ids("vad --format rttm - " + (dir / "my\\ take.wav") + " <" + Sample("forecast_16000"));
+  std::istringstream rttmLines(ids.out);
+  std::set<std::string> named;
+  for (std::string line, word; std::getline(rttmLines, line);) {
+    std::istringstream words(line);
+    std::vector<std::string> fields;
+    while (words >> word) fields.push_back(word);
+    ASSERT_EQ(fields.size(), 10u) << line;
+    named.insert(fields[1]);
+  }
+  EXPECT_EQ(named, (std::set<std::string>{"stdin", "my_take"})) << ids.err;
+  std::ofstream(dir / "all.rttm") << ids.out;
+  const Cli scored("eval --labels " + (dir / "all.rttm") + " " + (dir / "my\\ take.wav"));
+  EXPECT_EQ(scored.status, 0) << scored.err;
+  EXPECT_NE(scored.out.find("    0.0       2/2       2/2\n"), std::string::npos) << scored.out;
+  for (const std::string& command : {std::string("eval"), std::string("tune"), "plot -o " + (dir / "p.svg")}) {
+    const Cli other(command + " --labels " + (dir / "all.rttm") + " --labels-id nosuch " + Sample("message_8000"));
+    EXPECT_EQ(other.status, 1) << command;
+    EXPECT_NE(other.err.find("no SPEAKER line for recording \"nosuch\""), std::string::npos) << command << other.err;
+  }
   const Cli audacity("vad --format audacity " + files);
   EXPECT_EQ(audacity.status, 2);
   EXPECT_NE(audacity.err.find("holds one recording"), std::string::npos) << audacity.err;

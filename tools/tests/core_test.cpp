@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 
 #include "blocks.h"
+#include "labels.h"
 #include "params.h"
 #include "source.h"
 #include "vadrun.h"
+#include "writers.h"
 
 namespace {
 
@@ -92,6 +94,16 @@ TEST(Core, TheParameterCheckRefusesWithTheReasonAndWarnsOfUnknownKeys) {
 }
 
 // The readings dated after a segment's start and up to its end, from the tool's JSON records.
+// An RTTM ID is one space-separated field: made so from a path, refused otherwise.
+TEST(Core, RttmRecordingIdsAreOneField) {
+  EXPECT_EQ(ktcli::RecordingId("-"), "stdin");
+  EXPECT_EQ(ktcli::RecordingId("takes/my take\t2.x.wav"), "my_take_2.x");
+  for (const std::string id : {"a b", "", "a\nb"}) {
+    EXPECT_THROW(ktcli::LabelWriter(ktcli::LabelFormat::Rttm, id), std::invalid_argument) << id;
+  }
+  EXPECT_NO_THROW(ktcli::LabelWriter(ktcli::LabelFormat::Audacity, "a b"));
+}
+
 TEST(Core, SegmentsWithVolumeAgreeWithTheToolsRecords) {
   for (const char* name : {"message_8000", "directions_11025", "forecast_16000"}) {
     const std::string path = kSamples + "/" + name + ".wav";
