@@ -31,7 +31,7 @@ import os
 import signal
 import sys
 
-from . import _existing, _ktfront, check_params, iter_segments
+from . import _read_records, check_params
 from ._results import Event, Segment, Volume
 from ._stream import LOOK_BACK_S
 
@@ -43,7 +43,8 @@ def segment_file(path, params="", block_ms=20, volume=False):
     path = str(path)
     try:
         if not volume:
-            rows = [{"file": path, "start": s.start, "end": s.end} for s in iter_segments(path, params, block_ms)]
+            rows = [{"file": path, "start": s.start, "end": s.end}
+                    for s in _read_records(path, params, block_ms, False, warn=False)]
         else:
             rows = _with_volume(path, params, block_ms)
         return rows or [{"file": path, "start": None, "end": None}]
@@ -54,24 +55,22 @@ def segment_file(path, params="", block_ms=20, volume=False):
 def _with_volume(path, params, block_ms):
     """Rows with the peak dBFS and mean SNR volume of the readings inside each segment
     (start < time <= end); only the readings a segment may still reach back to are kept."""
-    stream = _ktfront._FileStream(_existing(path), 0, params, block_ms, True, True)
     readings, rows, speaking = [], [], False
     reach_ms = 1000 * LOOK_BACK_S + 2 * block_ms
-    while (records := stream.read()) is not None:
-        for r in records:
-            if isinstance(r, Volume):
-                readings.append((r.time_ms, r.volume_dbfs, r.snr_volume_pct))
-            elif isinstance(r, Event) and r.tag == "SpeechStart":
-                speaking = True
-            elif isinstance(r, Segment):
-                inside = [v for v in readings if r.start * 1000 < v[0] <= r.end * 1000]
-                rows.append({"file": path, "start": r.start, "end": r.end,
-                             "peak_dbfs": max((v[1] for v in inside), default=None),
-                             "mean_snr_volume_pct": sum(v[2] for v in inside) / len(inside) if inside else None})
-                readings = [v for v in readings if v[0] > r.end * 1000]
-                speaking = False
-        if not speaking and readings:
-            readings = [v for v in readings if v[0] >= readings[-1][0] - reach_ms]
+    for r in _read_records(path, params, block_ms, True, events=True, warn=False):
+        if isinstance(r, Volume):
+            readings.append((r.time_ms, r.volume_dbfs, r.snr_volume_pct))
+            if not speaking and len(readings) > 256:  # trimmed now and then: each trim copies
+                readings = [v for v in readings if v[0] >= readings[-1][0] - reach_ms]
+        elif isinstance(r, Event) and r.tag == "SpeechStart":
+            speaking = True
+        elif isinstance(r, Segment):
+            inside = [v for v in readings if r.start * 1000 < v[0] <= r.end * 1000]
+            rows.append({"file": path, "start": r.start, "end": r.end,
+                         "peak_dbfs": max((v[1] for v in inside), default=None),
+                         "mean_snr_volume_pct": sum(v[2] for v in inside) / len(inside) if inside else None})
+            readings = [v for v in readings if v[0] > r.end * 1000]
+            speaking = False
     return rows
 
 

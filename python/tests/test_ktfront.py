@@ -88,6 +88,12 @@ def test_errors_are_clear_and_lose_nothing(tmp_path):
     an2 = ktfront.Analyzer(rate, on_frame=lambda d: an2.process(s[:10]))
     with pytest.raises(RuntimeError, match="own callback"): an2.process(s)
     with pytest.raises(KeyError): ktfront.Analyzer(rate, on_frame=lambda d: {}["raised"]).process(s)
+    # Every way in warns as the tool does of what the library would take without a word.
+    for make in (lambda: ktfront.Analyzer(rate, "Eos=1"), lambda: ktfront.Analyzer(rate).update_parameters("Eos=1"),
+                 lambda: ktfront.GainControl(rate, "Eos=1"), lambda: ktfront.frames(s, rate, "Eos=1"),
+                 lambda: ktfront.regions(s, rate, "Eos=1"), lambda: next(ktfront.iter_segments(WAVS[0], "Eos=1"))):
+        with pytest.warns(UserWarning, match='reads no key "Eos"'): make()
+    with pytest.warns(UserWarning, match="^EOSTimeoutMs=3e2 is read as 3$"): ktfront.segments(s, rate, "EOSTimeoutMs=3e2")
 
 def test_blocks_read_in_place():
     s, rate = ktfront.load(WAVS[0])
@@ -123,8 +129,9 @@ def test_arrays_read_as_the_tool_reads_files(tmp_path):
         w.setparams((2, 2, 48000, 0, "NONE", "NONE")); w.writeframes(stereo.tobytes())
     ref, rate = ktfront.load(tmp_path / "stereo.wav")  # the tool's reading
     as_float = stereo.astype(np.float32) / 32768
-    for audio in (stereo, as_float, as_float.astype(np.float64), np.asfortranarray(stereo)):
+    for audio in (stereo, as_float, as_float.astype(np.float64), np.asfortranarray(stereo), stereo.astype(">i2")):
         assert ktfront.segments(audio, 48000) == ktfront.segments(ref, rate) == [(1.36, 4.4), (5.1, 7.48)]
+    assert ktfront.segments(ref.astype(">i2"), rate) == [(1.36, 4.4), (5.1, 7.48)]  # big-endian is not read in place
     for block in (960, 441, 4096):  # the streaming resampler gives the same samples however cut
         rs = ktfront.Resampler(48000.0)
         out = np.concatenate([rs.process(as_float[at:at + block]) for at in range(0, len(stereo), block)] + [rs.flush()])
@@ -137,6 +144,23 @@ def test_arrays_read_as_the_tool_reads_files(tmp_path):
         with pytest.raises(error): ktfront.Resampler(48000).process(bad)
     with pytest.raises(ValueError, match="unsupported sampling rate 7000"): ktfront.segments(s, 7000)
     with pytest.raises(ValueError, match="to_rate"): ktfront.Resampler(48000, 22050)
+
+@pytest.mark.skipif(not TOOL or not shutil.which("sox"), reason="needs the ktfront tool and sox")
+def test_arrays_from_soundfile_give_the_tools_frames(tmp_path):
+    sf = pytest.importorskip("soundfile")
+    for name, fmt, dtypes in [("f.wav", ["-r", "48000", "-c", "2", "-b", "32", "-e", "floating-point"], ("float32", "float64")),
+                              ("d.wav", ["-b", "64", "-e", "floating-point"], ("float64",)),
+                              ("s.flac", ["-r", "44100", "-c", "2"], ("int16", "float32"))]:
+        path = str(tmp_path / name)
+        subprocess.run(["sox", WAVS[2], *fmt, path, "vol", "0.3"], check=True)
+        records, reference = run_tool(path, "", 20), ktfront.load(path)[0]
+        for dtype in dtypes:
+            audio, rate = sf.read(path, dtype=dtype)
+            rs = ktfront.Resampler(rate)
+            assert np.array_equal(np.concatenate([rs.process(audio), rs.flush()]), reference)
+            assert [(f.frame_index, f.is_speech, f.energy) for f in ktfront.frames(audio, rate)] == [
+                (r["frameIndex"], r["isSpeechSegmentFrame"], r.get("energyDb")) for r in records if r["type"] == "frame"]
+            assert ktfront.segments(audio, rate) == [(r["start"], r["end"]) for r in records if r["type"] == "segment"]
 
 def test_results_are_values_that_pickle_and_services_that_refuse():
     s, rate = ktfront.load(WAVS[0])
@@ -180,7 +204,8 @@ def test_files_streamed_and_labels_written_as_the_tool(tmp_path):
     assert [(r["peak_dbfs"], r["mean_snr_volume_pct"]) for r in corpus.segment_file(path, volume=True)] == expected
     assert [(p, m) for _, _, p, m in ktfront.segments_with_volume(s, rate)] == expected
     with pytest.raises(FileNotFoundError): next(ktfront.iter_segments(tmp_path / "none.wav"))
-    with pytest.raises(ValueError, match="Value out of range"): next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
+    with pytest.raises(ValueError, match='^invalid parameter string "EOSTimeoutMs=-100": Value out of range$'):
+        next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
     (tmp_path / "bad.wav").write_bytes(b"RIFF....WAVEjunk")
     with pytest.raises(OSError, match="bad.wav"): list(ktfront.iter_segments(tmp_path / "bad.wav"))
 
