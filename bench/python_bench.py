@@ -65,7 +65,7 @@ def corpus_speed(workers, paths):
     """Files per second once the cluster is up (median of REPEATS runs, wall time)."""
     from dask.distributed import Client, LocalCluster
     from ktfront import corpus
-    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, \
+    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, \
             Client(cluster) as client:
         corpus.run(paths[:8], client=client, show_progress=False)  # workers warmed up
         return len(paths) / median_wall(lambda: corpus.run(paths, client=client, show_progress=False))

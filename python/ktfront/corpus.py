@@ -162,7 +162,7 @@ def run(paths, output=None, client=None, params="", block_ms=20, volume=False, s
     todo = [p for p in paths if table is None or p not in table.done]
     own = None
     if client is None:
-        own = LocalCluster(threads_per_worker=1, dashboard_address=None)
+        own = LocalCluster(threads_per_worker=1, dashboard_address=":0")
         client = Client(own)
     results, failed, shown = {}, 0, [0]
     try:
@@ -251,8 +251,8 @@ def main(argv=None):
         handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
         try:
             from dask.distributed import Client, LocalCluster
-            if not args.scheduler:
-                cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, dashboard_address=None,
+            if not args.scheduler:  # its HTTP server on a free port: 8787 may be another cluster's
+                cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, dashboard_address=":0",
                                        silence_logs=logging.CRITICAL)
             client = Client(args.scheduler or cluster)
         finally:

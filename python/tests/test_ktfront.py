@@ -229,7 +229,7 @@ def test_regions_post_processed_streamed_and_with_samples():
 @pytest.fixture(scope="session")
 def client():
     from dask.distributed import Client, LocalCluster
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, Client(cluster) as c:
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, Client(cluster) as c:
         yield c
 
 def test_dask_ships_package_functions_and_results(client, tmp_path):
@@ -238,8 +238,16 @@ def test_dask_ships_package_functions_and_results(client, tmp_path):
     assert rows == corpus.serial(files, volume=True) and len(rows) > len(files)
     assert sorted(map(json.dumps, rows)) == sorted(open(tmp_path / "table.jsonl").read().splitlines())
     assert rows[-1]["error"].startswith("FileNotFoundError") and all(r.get("peak_dbfs") is not None for r in rows[:-1])
-    cli = run_corpus("-o", tmp_path / "cli.jsonl", "--volume", "--scheduler", client.scheduler.address, *files)
-    assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
+    # The command on a scheduler and a worker started as on a machine of their own.
+    where, quiet = tmp_path / "scheduler.json", dict(stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    daemons = [subprocess.Popen(["dask", "scheduler", "--scheduler-file", where, "--port", "0", "--dashboard-address", ":0"], **quiet)]
+    try:
+        while not where.exists() or not where.read_text(): assert daemons[0].poll() is None; time.sleep(0.1)
+        daemons.append(subprocess.Popen(["dask", "worker", "--scheduler-file", where, "--nthreads", "1", "--dashboard-address", ":0"], **quiet))
+        cli = run_corpus("-o", tmp_path / "cli.jsonl", "--volume", "--scheduler", json.loads(where.read_text())["address"], *files)
+        assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
+    finally:
+        for daemon in reversed(daemons): daemon.terminate(); daemon.wait(30)
     s, rate = client.submit(ktfront.load, WAVS[1]).result()
     assert client.submit(ktfront.frames, s, rate).result() == ktfront.frames(s, rate)
     assert client.submit(ktfront.regions, s, rate, keep_samples=True).result() == ktfront.regions(s, rate, keep_samples=True)
@@ -266,7 +274,9 @@ def test_corpus_command_as_a_long_job(tmp_path):
     while not table.exists(): time.sleep(0.05)
     while len(open(table).readlines()) < 4 and run.poll() is None: time.sleep(0.05)
     os.killpg(run.pid, signal.SIGINT)  # Ctrl-C reaches the whole process group
-    assert run.wait(60) == 130 and run.stderr.read().strip().splitlines()[-1].startswith("ktfront.corpus: interrupted;")
+    said = run.stderr.read().strip().splitlines()  # progress, then one line: no traceback, no cluster chatter
+    assert run.wait(60) == 130 and said[-1].startswith("ktfront.corpus: interrupted;")
+    assert all(re.fullmatch(r"ktfront.corpus: \d+/\d+ files, 0 failed", line) for line in said[:-1]), said
     done = {r["file"] for r in csv.DictReader(open(table))}
     assert all(len([r for r in csv.DictReader(open(table)) if r["file"] == f]) == 2 for f in done)
     last = open(table).read().splitlines()[-1]
