@@ -20,16 +20,19 @@ From the shell::
     python3 -m ktfront.corpus -o segments.jsonl --scheduler tcp://host:8786 --manifest list.txt
 
 Exit status: 0 when every file was segmented, 1 when some failed (their rows say why), 2
-for a usage error, a refused parameter string or an output that cannot be written (before
-any work), 130 when interrupted (the table holds every file finished).
+for a usage error, a refused parameter string, an output that cannot be written or a
+scheduler that cannot be reached (before any work) and for a write that fails during the
+run, 130 when interrupted (the table holds every file finished).
 """
 import argparse
 import csv
 import io
 import json
 import os
+import shutil
 import signal
 import sys
+import tempfile
 
 from . import _read_records, check_params
 from ._results import Event, Segment, Volume
@@ -84,6 +87,10 @@ def serial(paths, params="", block_ms=20, volume=False):
     return [row for path in paths for row in segment_file(path, params, block_ms, volume)]
 
 
+class _WriteFailed(OSError):
+    """The table could not be written to during the run (a full disk)."""
+
+
 class _Table:
     """The output table, opened before any work and appended to file by file: CSV if the
     name ends in .csv, else JSON Lines. Each file's rows go out in one write."""
@@ -92,10 +99,13 @@ class _Table:
         self.path = os.fspath(output)
         self.csv = self.path.endswith(".csv")
         self.done = set()
-        if resume and os.path.exists(self.path):
+        # Only a regular file is read back: a pipe or /dev/stdout has nothing to resume from,
+        # and its header went out when it was first opened.
+        regular = os.path.isfile(self.path)
+        if resume and regular:
             self.done = self._read_done()
         self._fd = os.open(self.path, os.O_WRONLY | os.O_CREAT | (os.O_APPEND if resume else os.O_TRUNC), 0o666)
-        if self.csv and os.fstat(self._fd).st_size == 0:
+        if self.csv and (os.fstat(self._fd).st_size == 0 if regular else not resume):
             os.write(self._fd, self._text([]).encode())
 
     def _read_done(self):
@@ -140,8 +150,11 @@ class _Table:
 
     def write(self, rows):
         data = self._text(rows).encode()
-        while data:
-            data = data[os.write(self._fd, data):]
+        try:
+            while data:
+                data = data[os.write(self._fd, data):]
+        except OSError as e:
+            raise _WriteFailed(e.errno, f"cannot write {self.path}: {e.strerror}") from e
 
     def close(self):
         os.close(self._fd)
@@ -233,6 +246,8 @@ def main(argv=None):
             print(f"ktfront.corpus: warning: {warning}", file=sys.stderr)
         if args.block_ms < 1:
             raise ValueError(f"--block-ms {args.block_ms} is below 1")
+        if args.workers is not None and args.workers < 1:
+            raise ValueError(f"--workers {args.workers} is below 1")
         if not paths:
             raise ValueError("no files given")
         table = _Table(args.output, args.resume)
@@ -246,34 +261,43 @@ def main(argv=None):
     # Ctrl-C at the terminal reaches the whole process group: the worker processes start
     # with SIGINT ignored, so that only this process acts on it (a Ctrl-C while the cluster
     # starts is not seen).
-    cluster = client = None
+    cluster = client = scratch = None
     try:
         handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
         try:
             from dask.distributed import Client, LocalCluster
-            if not args.scheduler:  # its HTTP server on a free port: 8787 may be another cluster's
+            if not args.scheduler:
+                # Its HTTP server on a free port (8787 may be another cluster's), and its
+                # workers' files in a directory of its own, not beside other runs' leftovers.
+                scratch = tempfile.mkdtemp(prefix="ktfront-corpus-")
                 cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, dashboard_address=":0",
-                                       silence_logs=logging.CRITICAL)
+                                       local_directory=scratch, silence_logs=logging.CRITICAL)
             client = Client(args.scheduler or cluster)
         finally:
             signal.signal(signal.SIGINT, handler)
         rows = run(paths, args.output, client, args.params, args.block_ms, args.volume, resume=True)
+    except _WriteFailed as e:  # what the table holds stays valid
+        _close(client, cluster, scratch)
+        return fail(f"{e.strerror}; it holds every file finished before (--resume goes on from there)")
+    except OSError as e:  # no scheduler at that address
+        _close(client, cluster, scratch)
+        return fail(e)
     except KeyboardInterrupt:
         print(("\n" if sys.stderr.isatty() else "") + f"ktfront.corpus: interrupted; {args.output} holds every file finished "
               "(--resume goes on from there)", file=sys.stderr, flush=True)
         # The cluster's shutdown chatter (and distributed's own exit hooks) stay unprinted.
         logging.disable(logging.CRITICAL)
         sys.stderr = open(os.devnull, "w")
-        _close(client, cluster)
+        _close(client, cluster, scratch)
         return 130
-    _close(client, cluster)
+    _close(client, cluster, scratch)
     failed = len({r["file"] for r in rows if r.get("error")})
     print(f"ktfront.corpus: {len(paths) - skipped} files, {len(rows)} rows, {failed} failed"
           + (f", {skipped} already in {args.output}" if skipped else ""), file=sys.stderr)
     return 1 if failed else 0
 
 
-def _close(client, cluster):
+def _close(client, cluster, scratch):
     try:
         if client is not None:
             client.close()
@@ -281,6 +305,8 @@ def _close(client, cluster):
             cluster.close()
     except (Exception, KeyboardInterrupt):
         pass
+    if scratch is not None:
+        shutil.rmtree(scratch, ignore_errors=True)
 
 
 if __name__ == "__main__":

@@ -248,6 +248,9 @@ def test_dask_ships_package_functions_and_results(client, tmp_path):
         assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
     finally:
         for daemon in reversed(daemons): daemon.terminate(); daemon.wait(30)
+    full = run_corpus("-o", "/dev/full", "--scheduler", client.scheduler.address, *files)  # a disk that fills up
+    assert full.wait(60) == 2 and full.stderr.read().endswith(
+        "ktfront.corpus: error: cannot write /dev/full: No space left on device; it holds every file finished before (--resume goes on from there)\n")
     s, rate = client.submit(ktfront.load, WAVS[1]).result()
     assert client.submit(ktfront.frames, s, rate).result() == ktfront.frames(s, rate)
     assert client.submit(ktfront.regions, s, rate, keep_samples=True).result() == ktfront.regions(s, rate, keep_samples=True)
@@ -263,9 +266,11 @@ def test_corpus_command_as_a_long_job(tmp_path):
     read = lambda: sorted([r["file"], r["start"], r["end"], r["error"][:17]] for r in csv.DictReader(open(table)))
     written = read()
     assert written == sorted([r["file"], str(r["start"] or ""), str(r["end"] or ""), r.get("error", "")[:17]] for r in expected)
-    for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table]):
-        bad = run_corpus(*args)
-        assert bad.wait(60) == 2 and bad.stderr.read().startswith("ktfront.corpus: error: ")
+    fast = {**os.environ, "DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "1s"}
+    for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table],
+                 ["-o", table, "--workers", "0", WAVS[0]], ["-o", table, "--resume", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]]):
+        bad = run_corpus(*args, env=fast)
+        assert bad.wait(60) == 2 and re.fullmatch("ktfront.corpus: error: [^\n]+\n", bad.stderr.read())
     assert read() == written  # nothing was touched
     many = tmp_path / "many"; many.mkdir()
     for i in range(3000): os.symlink(WAVS[0], many / f"{i:04}.wav")
