@@ -203,6 +203,14 @@ def test_files_streamed_and_labels_written_as_the_tool(tmp_path):
     expected = [(max(v.volume_dbfs for v in vs), sum(v.snr_volume_pct for v in vs) / len(vs)) for vs in inside]
     assert [(r["peak_dbfs"], r["mean_snr_volume_pct"]) for r in corpus.segment_file(path, volume=True)] == expected
     assert [(p, m) for _, _, p, m in ktfront.segments_with_volume(s, rate)] == expected
+    # A long file with segments close together, then with one long segment: the readings kept
+    # while streaming against the whole file's.
+    s, rate = ktfront.load(WAVS[2])
+    with wave.open(str(tmp_path / "long.wav"), "wb") as w:
+        w.setparams((1, 2, rate, 0, "NONE", "NONE")); w.writeframes(np.tile(s, 10).tobytes())
+    for params, count in (("EOSTimeoutMs=60", 46), ("EOSTimeoutMs=3000", 1)):
+        streamed = [tuple(r.values())[1:] for r in corpus.segment_file(str(tmp_path / "long.wav"), params, volume=True)]
+        assert len(streamed) == count and streamed == ktfront.segments_with_volume(np.tile(s, 10), rate, params)
     with pytest.raises(FileNotFoundError): next(ktfront.iter_segments(tmp_path / "none.wav"))
     with pytest.raises(ValueError, match='^invalid parameter string "EOSTimeoutMs=-100": Value out of range$'):
         next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
@@ -251,6 +259,10 @@ def test_dask_ships_package_functions_and_results(client, tmp_path):
     full = run_corpus("-o", "/dev/full", "--scheduler", client.scheduler.address, *files)  # a disk that fills up
     assert full.wait(60) == 2 and full.stderr.read().endswith(
         "ktfront.corpus: error: cannot write /dev/full: No space left on device; it holds every file finished before (--resume goes on from there)\n")
+    os.symlink("/dev/stdout", tmp_path / "out.csv")  # not a regular file: nothing read back, the header once
+    out = run_corpus("-o", tmp_path / "out.csv", "--scheduler", client.scheduler.address, WAVS[0], stdout=subprocess.PIPE)
+    assert out.communicate(timeout=60)[0] == "file,start,end,peak_dbfs,mean_snr_volume_pct,error\n" + "".join(
+        f"{WAVS[0]},{a},{b},,,\n" for a, b in [(1.06, 4.52), (5.18, 7.58)]) and out.returncode == 0
     s, rate = client.submit(ktfront.load, WAVS[1]).result()
     assert client.submit(ktfront.frames, s, rate).result() == ktfront.frames(s, rate)
     assert client.submit(ktfront.regions, s, rate, keep_samples=True).result() == ktfront.regions(s, rate, keep_samples=True)
