@@ -321,7 +321,7 @@ class Analyzer {
       : _analyzer(params, rate, frameData), _rateHz(static_cast<int>(rate)), _frameData(frameData),
         _onFrame(std::move(onFrame)) {
     ResultTypes();
-    WarnAccepted([&] { return ktcli::CheckAnalyzerParams(params, _rateHz); });
+    if (!params.empty()) WarnAccepted([&] { return ktcli::CheckAnalyzerParams(params, _rateHz); });
     _analyzer.SetFrameObserver([this](const kt::FrameDecision& decision) {
       _decisions.Add(decision);
       if (_onFrame.is_none()) return;
@@ -439,7 +439,7 @@ class Analyzer {
 class GainControl {
  public:
   GainControl(int rate, const std::string& params) : _agc(params, rate) {
-    WarnAccepted([&] { return ktcli::CheckAgcParams(params); });
+    if (!params.empty()) WarnAccepted([&] { return ktcli::CheckAgcParams(params); });
     _agc.SetDecisionObserver([this](const kt::GainDecision& d) { _decision = d; });
   }
 

@@ -140,7 +140,7 @@ def test_arrays_read_as_the_tool_reads_files(tmp_path):
     assert ktfront.Resampler(8000).process(full).tolist() == [32767, -32768, 32767, -32768, 16384, 1, -1, 0]
     assert ktfront.Resampler(8000).process(np.array([[100, 301], [-3, -4]], np.int16)).tolist() == [201, -4]
     for bad, error in [(s.astype(np.uint8), TypeError), (s.astype(np.int32), TypeError), (np.zeros((10, 100), np.int16), ValueError),
-                       ([0.5], TypeError), (np.zeros(4, np.complex64), TypeError)]:
+                       ([0.5], TypeError), (np.zeros(4, np.complex64), TypeError), (s > 0, TypeError), (s.astype(object), TypeError)]:
         with pytest.raises(error): ktfront.Resampler(48000).process(bad)
     with pytest.raises(ValueError, match="unsupported sampling rate 7000"): ktfront.segments(s, 7000)
     with pytest.raises(ValueError, match="to_rate"): ktfront.Resampler(48000, 22050)
