@@ -229,7 +229,7 @@ def main(argv=None):
     parser.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local cluster)")
     parser.add_argument("--workers", type=int, help="worker processes of the local cluster (default: one per core)")
     parser.add_argument("--params", default="", help="analyzer parameter string \"Key=Value;...\"")
-    parser.add_argument("--block-ms", type=int, default=20)
+    parser.add_argument("--block-ms", type=int, default=20, help="host block length in ms, as for ktfront vad (default: 20)")
     parser.add_argument("--volume", action="store_true", help="add each segment's volume statistics")
     args = parser.parse_args(argv)
 
@@ -248,6 +248,8 @@ def main(argv=None):
             raise ValueError(f"--block-ms {args.block_ms} is below 1")
         if args.workers is not None and args.workers < 1:
             raise ValueError(f"--workers {args.workers} is below 1")
+        if args.workers is not None and args.scheduler:
+            raise ValueError("--workers is for the local cluster: a scheduler's workers are its own")
         if not paths:
             raise ValueError("no files given")
         table = _Table(args.output, args.resume)

@@ -280,7 +280,7 @@ def test_corpus_command_as_a_long_job(tmp_path):
     assert written == sorted([r["file"], str(r["start"] or ""), str(r["end"] or ""), r.get("error", "")[:17]] for r in expected)
     fast = {**os.environ, "DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "1s"}
     for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table],
-                 ["-o", table, "--workers", "0", WAVS[0]], ["-o", table, "--resume", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]]):
+                 ["-o", table, "--workers", "0", WAVS[0]], ["-o", table, "--workers", "2", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]], ["-o", table, "--resume", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]]):
         bad = run_corpus(*args, env=fast)
         assert bad.wait(60) == 2 and re.fullmatch("ktfront.corpus: error: [^\n]+\n", bad.stderr.read())
     assert read() == written  # nothing was touched
