@@ -272,8 +272,13 @@ def run_corpus(*args, **kw):
 
 def test_corpus_command_as_a_long_job(tmp_path):
     table, files = tmp_path / "t.csv", WAVS + [str(tmp_path / "missing.wav")]
-    run = run_corpus("-o", table, "--workers", "2", "--params", "EOSTimeoutMs=300;Eos=1", *files)
-    assert run.wait(120) == 1 and 'reads no key "Eos"' in run.stderr.read()
+    run = run_corpus("-o", table, "--workers", "2", "--params", "EOSTimeoutMs=300.5;Eos=1", *files)
+    warned = [line for line in run.stderr.read().splitlines() if ": warning: " in line]
+    assert run.wait(120) == 1 and warned == ["ktfront.corpus: warning: EOSTimeoutMs=300.5 is read as 300",
+                                            'ktfront.corpus: warning: the speech analyzer reads no key "Eos" (keys are case-sensitive)']
+    if TOOL:  # word for word what the tool says
+        tool = subprocess.run([TOOL, "vad", "--params", "EOSTimeoutMs=300.5;Eos=1", WAVS[0]], capture_output=True, text=True).stderr
+        assert [line.replace("ktfront: ", "ktfront.corpus: ", 1) for line in tool.splitlines() if ": warning: " in line] == warned
     expected = corpus.serial(files, "EOSTimeoutMs=300")
     read = lambda: sorted([r["file"], r["start"], r["end"], r["error"][:17]] for r in csv.DictReader(open(table)))
     written = read()
