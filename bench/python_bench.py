@@ -3,14 +3,17 @@
 sample and µs per call, over a bundled recording repeated to 60 s; with the path of
 ktfront_bench, the C interface and the classes are measured in the same run for comparison.
 
-With --corpus: files per second of ktfront.corpus on a LocalCluster of 1 and 2 worker
-processes (the bundled recordings, 240 files), and the peak RSS of a process that streams
-one hour of 48 kHz stereo FLAC through ktfront.iter_segments (made with sox), against load.
+With --corpus: files per second of ktfront.corpus in this process and on a LocalCluster of
+1 and 2 worker processes (median wall time of five runs), over the bundled recordings (240
+short files) and over 48 one-minute 48 kHz stereo FLAC files; and the peak RSS of a process
+that streams one hour of 48 kHz stereo FLAC through ktfront.iter_segments (made with sox),
+against load.
 
     PYTHONPATH=build/x86_64/python bench/python_bench.py [build/x86_64/bench/ktfront_bench]
     PYTHONPATH=build/x86_64/python bench/python_bench.py --corpus
 """
 import os
+import statistics
 import subprocess
 import sys
 import time
@@ -47,19 +50,25 @@ def measure(name, rate, samples, block_ms, make, step):
           f"{seconds * 1e6 / len(blocks):.2f} | {len(samples) / rate / seconds:.0f} |")
 
 
+def median_wall(fn):
+    """The median wall time of REPEATS runs: the machine is shared, so neither the best nor
+    the worst run is typical."""
+    times = []
+    for _ in range(REPEATS):
+        start = time.perf_counter()
+        fn()
+        times.append(time.perf_counter() - start)
+    return statistics.median(times)
+
+
 def corpus_speed(workers, paths):
-    """Files per second once the cluster is up (best of REPEATS, wall time)."""
+    """Files per second once the cluster is up (median of REPEATS runs, wall time)."""
     from dask.distributed import Client, LocalCluster
     from ktfront import corpus
-    with LocalCluster(n_workers=workers, threads_per_worker=1, dashboard_address=None) as cluster, \
+    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, \
             Client(cluster) as client:
-        corpus.run(paths[:20], client=client, show_progress=False)  # workers warmed up
-        times = []
-        for _ in range(REPEATS):
-            start = time.perf_counter()
-            corpus.run(paths, client=client, show_progress=False)
-            times.append(time.perf_counter() - start)
-    return len(paths) / min(times)
+        corpus.run(paths[:8], client=client, show_progress=False)  # workers warmed up
+        return len(paths) / median_wall(lambda: corpus.run(paths, client=client, show_progress=False))
 
 
 # The peak of this process's own memory map (ru_maxrss would count the parent's, which
@@ -90,18 +99,22 @@ def corpus_main():
             out = subprocess.run([sys.executable, "-c", PEAK, hour, how], check=True, capture_output=True, text=True)
             count, peak = out.stdout.split()
             print(f"| {how} | {count} | {peak} MiB |")
-        seconds = sum(len(ktfront.load(p)[0]) / ktfront.load(p)[1] for p in paths)
+        minute = os.path.join(tmp, "minute.flac")
+        subprocess.run(["sox", wavs[2], "-r", "48000", "-c", "2", minute, "repeat", "6"], check=True)
+        minutes = [os.path.join(tmp, f"{i}.flac") for i in range(48)]
+        for path in minutes:
+            os.symlink(minute, path)
+        corpora = [("240 bundled recordings (WAV, 8 to 16 kHz mono, 8.5 s each)", paths),
+                   ("48 files of 1 minute (48 kHz stereo FLAC)", minutes)]
         from ktfront import corpus
-        times = []
-        for _ in range(REPEATS):
-            start = time.perf_counter()
-            corpus.serial(paths)
-            times.append(time.perf_counter() - start)
-        print(f"| corpus.serial, this process | {len(paths) / min(times):.0f} |")
-        for workers in (1, 2):
-            print(f"| LocalCluster, {workers} worker process{'es' if workers > 1 else ''} | "
-                  f"{corpus_speed(workers, paths):.0f} |")
-        print(f"({len(paths)} files of {seconds / len(paths):.1f} s on average)")
+        print(f"load average before: {os.getloadavg()[0]:.1f}")
+        print("| corpus | runner | files/s |\n|---|---|---:|")
+        for name, files in corpora:
+            print(f"| {name} | corpus.serial, this process | {len(files) / median_wall(lambda: corpus.serial(files)):.0f} |")
+            for workers in (1, 2):
+                print(f"| {name} | LocalCluster, {workers} worker process{'es' if workers > 1 else ''} | "
+                      f"{corpus_speed(workers, files):.1f} |")
+        print(f"load average after: {os.getloadavg()[0]:.1f}")
 
 
 def main():

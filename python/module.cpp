@@ -134,7 +134,9 @@ class Audio {
     const size_t frames = static_cast<size_t>(array.shape(0));
     const size_t channels = array.ndim() == 2 ? static_cast<size_t>(array.shape(1)) : 1;
     const bool contiguous = array.ndim() == 1 && (array.shape(0) < 2 || array.strides(0) == 2);
-    if (int16 && contiguous) {  // read in place
+    // Big-endian int16 (from np.frombuffer(..., ">i2")) is swapped by the copy below.
+    const bool native = dtype.attr("isnative").cast<bool>();
+    if (int16 && contiguous && native) {  // read in place
       _info = py::reinterpret_borrow<py::buffer>(array).request();
       _int16 = static_cast<const int16_t*>(_info.ptr);
       _count = frames;
@@ -265,6 +267,27 @@ class Serial {
   std::atomic<std::thread::id> _owner{};
 };
 
+// Keys the service does not read and values it reads only in part, as UserWarnings: the
+// library takes both without a word.
+void Warn(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) {
+    if (PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1) != 0) throw py::error_already_set();
+  }
+}
+
+// The warnings for a string the service has already taken (so the check cannot refuse it
+// at the rate given; an update on top of other settings is judged by the service alone).
+template <typename Check>
+void WarnAccepted(Check&& check) {
+  std::vector<std::string> warnings;
+  try {
+    warnings = check();
+  } catch (const std::invalid_argument&) {
+    return;
+  }
+  Warn(warnings);
+}
+
 // A level the histogram has not learnt yet is NaN in the library, None here.
 py::object Level(double db) { return std::isnan(db) ? py::none() : py::object(py::float_(db)); }
 
@@ -295,8 +318,10 @@ py::object MakeGainDecision(const kt::GainDecision& d) {
 class Analyzer {
  public:
   Analyzer(double rate, const std::string& params, bool frameData, py::object onFrame)
-      : _analyzer(params, rate, frameData), _frameData(frameData), _onFrame(std::move(onFrame)) {
+      : _analyzer(params, rate, frameData), _rateHz(static_cast<int>(rate)), _frameData(frameData),
+        _onFrame(std::move(onFrame)) {
     ResultTypes();
+    if (!params.empty()) WarnAccepted([&] { return ktcli::CheckAnalyzerParams(params, _rateHz); });
     _analyzer.SetFrameObserver([this](const kt::FrameDecision& decision) {
       _decisions.Add(decision);
       if (_onFrame.is_none()) return;
@@ -323,7 +348,10 @@ class Analyzer {
       _decisions.Clear();
     });
   }
-  void UpdateParameters(const std::string& params) { Run([&] { _analyzer.UpdateParameters(params); }); }
+  void UpdateParameters(const std::string& params) {
+    Run([&] { _analyzer.UpdateParameters(params); });
+    WarnAccepted([&] { return ktcli::CheckAnalyzerParams(params, _rateHz); });
+  }
   void SetEosTimeout(int ms) { Run([&] { _analyzer.SetEOSTimeout(ms); }); }
   int GetEosTimeout() {
     int ms = 0;
@@ -400,6 +428,7 @@ class Analyzer {
   }
 
   kt::AudioAnalyzer _analyzer;
+  int _rateHz;
   bool _frameData = false;
   py::object _onFrame;
   Serial _serial;
@@ -410,6 +439,7 @@ class Analyzer {
 class GainControl {
  public:
   GainControl(int rate, const std::string& params) : _agc(params, rate) {
+    if (!params.empty()) WarnAccepted([&] { return ktcli::CheckAgcParams(params); });
     _agc.SetDecisionObserver([this](const kt::GainDecision& d) { _decision = d; });
   }
 
@@ -498,7 +528,9 @@ class Resampler {
 // as they come: only a chunk of audio is held at any time.
 class FileStream {
  public:
-  FileStream(const std::string& path, int rawRate, const std::string& params, int blockMs, bool volume, bool events)
+  // warn: the parameter string's warnings, which a corpus gives once for all its files.
+  FileStream(const std::string& path, int rawRate, const std::string& params, int blockMs, bool volume, bool events,
+             bool warn)
       : _events(events) {
     std::string error;
     {
@@ -513,6 +545,8 @@ class FileStream {
       PyErr_SetString(PyExc_OSError, error.c_str());
       throw py::error_already_set();
     }
+    const std::vector<std::string> warnings = ktcli::CheckAnalyzerParams(params, _source->GetRateHz());
+    if (warn) Warn(warnings);
     const int block = ktcli::BlockSamples(blockMs, _source->GetRateHz(), "block_ms");
     _blockSamples = static_cast<size_t>(block);
     _block.reserve(_blockSamples);
@@ -612,11 +646,7 @@ py::tuple PrepareArray(const py::object& samples, double rate) {
 }
 
 // The tool's check of the parameter string: its refusal as ValueError, a warning per unknown key.
-void WarnParams(const std::string& params, int rate) {
-  for (const std::string& warning : ktcli::CheckAnalyzerParams(params, rate)) {
-    if (PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1) != 0) throw py::error_already_set();
-  }
-}
+void WarnParams(const std::string& params, int rate) { Warn(ktcli::CheckAnalyzerParams(params, rate)); }
 
 // Runs one of the core's whole-audio functions on the audio as the tool would read it:
 // a supported-rate int16 array in place, anything else converted and resampled first.
@@ -755,7 +785,7 @@ PYBIND11_MODULE(_ktfront, m) {
   RefuseCopies(resampler, "Resampler");
 
   py::class_<FileStream> stream(m, "_FileStream");
-  stream.def(py::init<const std::string&, int, const std::string&, int, bool, bool>())
+  stream.def(py::init<const std::string&, int, const std::string&, int, bool, bool, bool>())
       .def("read", &FileStream::Read)
       .def_property_readonly("rate", &FileStream::GetRate)
       .def_property_readonly("seconds", &FileStream::GetSeconds)

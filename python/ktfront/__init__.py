@@ -95,12 +95,16 @@ def iter_segments(path, params: str = "", block_ms: int = 20, volume: bool = Fal
                   raw_rate: int = 0) -> Iterator[Union[Segment, Volume]]:
     """Yields the Segments of a file as ``ktfront vad`` finds them (and, with volume=True, the
     Volume readings, in stream order), reading it chunk by chunk: memory stays small whatever
-    the file's length. Errors as for load; the parameter string is checked before reading."""
-    stream = _ktfront._FileStream(_existing(path), raw_rate, params, block_ms, volume, False)
-    while True:
-        records = stream.read()
-        if records is None:
-            return
+    the file's length. Errors as for load; the parameter string is checked as segments checks
+    it, before reading."""
+    yield from _read_records(path, params, block_ms, volume, raw_rate)
+
+
+def _read_records(path, params, block_ms, volume, raw_rate=0, events=False, warn=True):
+    """A file's records chunk by chunk (events: the analyzer's events too; warn: the parameter
+    string's warnings, which a corpus gives once for all its files)."""
+    stream = _ktfront._FileStream(_existing(path), raw_rate, params, block_ms, volume, events, warn)
+    while (records := stream.read()) is not None:
         yield from records
 
 

@@ -20,18 +20,21 @@ From the shell::
     python3 -m ktfront.corpus -o segments.jsonl --scheduler tcp://host:8786 --manifest list.txt
 
 Exit status: 0 when every file was segmented, 1 when some failed (their rows say why), 2
-for a usage error, a refused parameter string or an output that cannot be written (before
-any work), 130 when interrupted (the table holds every file finished).
+for a usage error, a refused parameter string, an output that cannot be written or a
+scheduler that cannot be reached (before any work) and for a write that fails during the
+run, 130 when interrupted (the table holds every file finished).
 """
 import argparse
 import csv
 import io
 import json
 import os
+import shutil
 import signal
 import sys
+import tempfile
 
-from . import _existing, _ktfront, check_params, iter_segments
+from . import _read_records, check_params
 from ._results import Event, Segment, Volume
 from ._stream import LOOK_BACK_S
 
@@ -43,7 +46,8 @@ def segment_file(path, params="", block_ms=20, volume=False):
     path = str(path)
     try:
         if not volume:
-            rows = [{"file": path, "start": s.start, "end": s.end} for s in iter_segments(path, params, block_ms)]
+            rows = [{"file": path, "start": s.start, "end": s.end}
+                    for s in _read_records(path, params, block_ms, False, warn=False)]
         else:
             rows = _with_volume(path, params, block_ms)
         return rows or [{"file": path, "start": None, "end": None}]
@@ -54,24 +58,22 @@ def segment_file(path, params="", block_ms=20, volume=False):
 def _with_volume(path, params, block_ms):
     """Rows with the peak dBFS and mean SNR volume of the readings inside each segment
     (start < time <= end); only the readings a segment may still reach back to are kept."""
-    stream = _ktfront._FileStream(_existing(path), 0, params, block_ms, True, True)
     readings, rows, speaking = [], [], False
     reach_ms = 1000 * LOOK_BACK_S + 2 * block_ms
-    while (records := stream.read()) is not None:
-        for r in records:
-            if isinstance(r, Volume):
-                readings.append((r.time_ms, r.volume_dbfs, r.snr_volume_pct))
-            elif isinstance(r, Event) and r.tag == "SpeechStart":
-                speaking = True
-            elif isinstance(r, Segment):
-                inside = [v for v in readings if r.start * 1000 < v[0] <= r.end * 1000]
-                rows.append({"file": path, "start": r.start, "end": r.end,
-                             "peak_dbfs": max((v[1] for v in inside), default=None),
-                             "mean_snr_volume_pct": sum(v[2] for v in inside) / len(inside) if inside else None})
-                readings = [v for v in readings if v[0] > r.end * 1000]
-                speaking = False
-        if not speaking and readings:
-            readings = [v for v in readings if v[0] >= readings[-1][0] - reach_ms]
+    for r in _read_records(path, params, block_ms, True, events=True, warn=False):
+        if isinstance(r, Volume):
+            readings.append((r.time_ms, r.volume_dbfs, r.snr_volume_pct))
+            if not speaking and len(readings) > 256:  # trimmed now and then: each trim copies
+                readings = [v for v in readings if v[0] >= readings[-1][0] - reach_ms]
+        elif isinstance(r, Event) and r.tag == "SpeechStart":
+            speaking = True
+        elif isinstance(r, Segment):
+            inside = [v for v in readings if r.start * 1000 < v[0] <= r.end * 1000]
+            rows.append({"file": path, "start": r.start, "end": r.end,
+                         "peak_dbfs": max((v[1] for v in inside), default=None),
+                         "mean_snr_volume_pct": sum(v[2] for v in inside) / len(inside) if inside else None})
+            readings = [v for v in readings if v[0] > r.end * 1000]
+            speaking = False
     return rows
 
 
@@ -85,6 +87,10 @@ def serial(paths, params="", block_ms=20, volume=False):
     return [row for path in paths for row in segment_file(path, params, block_ms, volume)]
 
 
+class _WriteFailed(OSError):
+    """The table could not be written to during the run (a full disk)."""
+
+
 class _Table:
     """The output table, opened before any work and appended to file by file: CSV if the
     name ends in .csv, else JSON Lines. Each file's rows go out in one write."""
@@ -93,10 +99,13 @@ class _Table:
         self.path = os.fspath(output)
         self.csv = self.path.endswith(".csv")
         self.done = set()
-        if resume and os.path.exists(self.path):
+        # Only a regular file is read back: a pipe or /dev/stdout has nothing to resume from,
+        # and its header went out when it was first opened.
+        regular = os.path.isfile(self.path)
+        if resume and regular:
             self.done = self._read_done()
         self._fd = os.open(self.path, os.O_WRONLY | os.O_CREAT | (os.O_APPEND if resume else os.O_TRUNC), 0o666)
-        if self.csv and os.fstat(self._fd).st_size == 0:
+        if self.csv and (os.fstat(self._fd).st_size == 0 if regular else not resume):
             os.write(self._fd, self._text([]).encode())
 
     def _read_done(self):
@@ -141,8 +150,11 @@ class _Table:
 
     def write(self, rows):
         data = self._text(rows).encode()
-        while data:
-            data = data[os.write(self._fd, data):]
+        try:
+            while data:
+                data = data[os.write(self._fd, data):]
+        except OSError as e:
+            raise _WriteFailed(e.errno, f"cannot write {self.path}: {e.strerror}") from e
 
     def close(self):
         os.close(self._fd)
@@ -163,7 +175,7 @@ def run(paths, output=None, client=None, params="", block_ms=20, volume=False, s
     todo = [p for p in paths if table is None or p not in table.done]
     own = None
     if client is None:
-        own = LocalCluster(threads_per_worker=1, dashboard_address=None)
+        own = LocalCluster(threads_per_worker=1, dashboard_address=":0")
         client = Client(own)
     results, failed, shown = {}, 0, [0]
     try:
@@ -217,7 +229,7 @@ def main(argv=None):
     parser.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local cluster)")
     parser.add_argument("--workers", type=int, help="worker processes of the local cluster (default: one per core)")
     parser.add_argument("--params", default="", help="analyzer parameter string \"Key=Value;...\"")
-    parser.add_argument("--block-ms", type=int, default=20)
+    parser.add_argument("--block-ms", type=int, default=20, help="host block length in ms, as for ktfront vad (default: 20)")
     parser.add_argument("--volume", action="store_true", help="add each segment's volume statistics")
     args = parser.parse_args(argv)
 
@@ -234,6 +246,10 @@ def main(argv=None):
             print(f"ktfront.corpus: warning: {warning}", file=sys.stderr)
         if args.block_ms < 1:
             raise ValueError(f"--block-ms {args.block_ms} is below 1")
+        if args.workers is not None and args.workers < 1:
+            raise ValueError(f"--workers {args.workers} is below 1")
+        if args.workers is not None and args.scheduler:
+            raise ValueError("--workers is for the local cluster: a scheduler's workers are its own")
         if not paths:
             raise ValueError("no files given")
         table = _Table(args.output, args.resume)
@@ -247,34 +263,43 @@ def main(argv=None):
     # Ctrl-C at the terminal reaches the whole process group: the worker processes start
     # with SIGINT ignored, so that only this process acts on it (a Ctrl-C while the cluster
     # starts is not seen).
-    cluster = client = None
+    cluster = client = scratch = None
     try:
         handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
         try:
             from dask.distributed import Client, LocalCluster
             if not args.scheduler:
-                cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, dashboard_address=None,
-                                       silence_logs=logging.CRITICAL)
+                # Its HTTP server on a free port (8787 may be another cluster's), and its
+                # workers' files in a directory of its own, not beside other runs' leftovers.
+                scratch = tempfile.mkdtemp(prefix="ktfront-corpus-")
+                cluster = LocalCluster(n_workers=args.workers, threads_per_worker=1, dashboard_address=":0",
+                                       local_directory=scratch, silence_logs=logging.CRITICAL)
             client = Client(args.scheduler or cluster)
         finally:
             signal.signal(signal.SIGINT, handler)
         rows = run(paths, args.output, client, args.params, args.block_ms, args.volume, resume=True)
+    except _WriteFailed as e:  # what the table holds stays valid
+        _close(client, cluster, scratch)
+        return fail(f"{e.strerror}; it holds every file finished before (--resume goes on from there)")
+    except OSError as e:  # no scheduler at that address
+        _close(client, cluster, scratch)
+        return fail(e)
     except KeyboardInterrupt:
         print(("\n" if sys.stderr.isatty() else "") + f"ktfront.corpus: interrupted; {args.output} holds every file finished "
               "(--resume goes on from there)", file=sys.stderr, flush=True)
         # The cluster's shutdown chatter (and distributed's own exit hooks) stay unprinted.
         logging.disable(logging.CRITICAL)
         sys.stderr = open(os.devnull, "w")
-        _close(client, cluster)
+        _close(client, cluster, scratch)
         return 130
-    _close(client, cluster)
+    _close(client, cluster, scratch)
     failed = len({r["file"] for r in rows if r.get("error")})
     print(f"ktfront.corpus: {len(paths) - skipped} files, {len(rows)} rows, {failed} failed"
           + (f", {skipped} already in {args.output}" if skipped else ""), file=sys.stderr)
     return 1 if failed else 0
 
 
-def _close(client, cluster):
+def _close(client, cluster, scratch):
     try:
         if client is not None:
             client.close()
@@ -282,6 +307,8 @@ def _close(client, cluster):
             cluster.close()
     except (Exception, KeyboardInterrupt):
         pass
+    if scratch is not None:
+        shutil.rmtree(scratch, ignore_errors=True)
 
 
 if __name__ == "__main__":

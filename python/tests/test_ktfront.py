@@ -88,6 +88,12 @@ def test_errors_are_clear_and_lose_nothing(tmp_path):
     an2 = ktfront.Analyzer(rate, on_frame=lambda d: an2.process(s[:10]))
     with pytest.raises(RuntimeError, match="own callback"): an2.process(s)
     with pytest.raises(KeyError): ktfront.Analyzer(rate, on_frame=lambda d: {}["raised"]).process(s)
+    # Every way in warns as the tool does of what the library would take without a word.
+    for make in (lambda: ktfront.Analyzer(rate, "Eos=1"), lambda: ktfront.Analyzer(rate).update_parameters("Eos=1"),
+                 lambda: ktfront.GainControl(rate, "Eos=1"), lambda: ktfront.frames(s, rate, "Eos=1"),
+                 lambda: ktfront.regions(s, rate, "Eos=1"), lambda: next(ktfront.iter_segments(WAVS[0], "Eos=1"))):
+        with pytest.warns(UserWarning, match='reads no key "Eos"'): make()
+    with pytest.warns(UserWarning, match="^EOSTimeoutMs=3e2 is read as 3$"): ktfront.segments(s, rate, "EOSTimeoutMs=3e2")
 
 def test_blocks_read_in_place():
     s, rate = ktfront.load(WAVS[0])
@@ -123,8 +129,9 @@ def test_arrays_read_as_the_tool_reads_files(tmp_path):
         w.setparams((2, 2, 48000, 0, "NONE", "NONE")); w.writeframes(stereo.tobytes())
     ref, rate = ktfront.load(tmp_path / "stereo.wav")  # the tool's reading
     as_float = stereo.astype(np.float32) / 32768
-    for audio in (stereo, as_float, as_float.astype(np.float64), np.asfortranarray(stereo)):
+    for audio in (stereo, as_float, as_float.astype(np.float64), np.asfortranarray(stereo), stereo.astype(">i2")):
         assert ktfront.segments(audio, 48000) == ktfront.segments(ref, rate) == [(1.36, 4.4), (5.1, 7.48)]
+    assert ktfront.segments(ref.astype(">i2"), rate) == [(1.36, 4.4), (5.1, 7.48)]  # big-endian is not read in place
     for block in (960, 441, 4096):  # the streaming resampler gives the same samples however cut
         rs = ktfront.Resampler(48000.0)
         out = np.concatenate([rs.process(as_float[at:at + block]) for at in range(0, len(stereo), block)] + [rs.flush()])
@@ -133,10 +140,27 @@ def test_arrays_read_as_the_tool_reads_files(tmp_path):
     assert ktfront.Resampler(8000).process(full).tolist() == [32767, -32768, 32767, -32768, 16384, 1, -1, 0]
     assert ktfront.Resampler(8000).process(np.array([[100, 301], [-3, -4]], np.int16)).tolist() == [201, -4]
     for bad, error in [(s.astype(np.uint8), TypeError), (s.astype(np.int32), TypeError), (np.zeros((10, 100), np.int16), ValueError),
-                       ([0.5], TypeError), (np.zeros(4, np.complex64), TypeError)]:
+                       ([0.5], TypeError), (np.zeros(4, np.complex64), TypeError), (s > 0, TypeError), (s.astype(object), TypeError)]:
         with pytest.raises(error): ktfront.Resampler(48000).process(bad)
     with pytest.raises(ValueError, match="unsupported sampling rate 7000"): ktfront.segments(s, 7000)
     with pytest.raises(ValueError, match="to_rate"): ktfront.Resampler(48000, 22050)
+
+@pytest.mark.skipif(not TOOL or not shutil.which("sox"), reason="needs the ktfront tool and sox")
+def test_arrays_from_soundfile_give_the_tools_frames(tmp_path):
+    sf = pytest.importorskip("soundfile")
+    for name, fmt, dtypes in [("f.wav", ["-r", "48000", "-c", "2", "-b", "32", "-e", "floating-point"], ("float32", "float64")),
+                              ("d.wav", ["-b", "64", "-e", "floating-point"], ("float64",)),
+                              ("s.flac", ["-r", "44100", "-c", "2"], ("int16", "float32"))]:
+        path = str(tmp_path / name)
+        subprocess.run(["sox", WAVS[2], *fmt, path, "vol", "0.3"], check=True)
+        records, reference = run_tool(path, "", 20), ktfront.load(path)[0]
+        for dtype in dtypes:
+            audio, rate = sf.read(path, dtype=dtype)
+            rs = ktfront.Resampler(rate)
+            assert np.array_equal(np.concatenate([rs.process(audio), rs.flush()]), reference)
+            assert [(f.frame_index, f.is_speech, f.energy) for f in ktfront.frames(audio, rate)] == [
+                (r["frameIndex"], r["isSpeechSegmentFrame"], r.get("energyDb")) for r in records if r["type"] == "frame"]
+            assert ktfront.segments(audio, rate) == [(r["start"], r["end"]) for r in records if r["type"] == "segment"]
 
 def test_results_are_values_that_pickle_and_services_that_refuse():
     s, rate = ktfront.load(WAVS[0])
@@ -179,8 +203,17 @@ def test_files_streamed_and_labels_written_as_the_tool(tmp_path):
     expected = [(max(v.volume_dbfs for v in vs), sum(v.snr_volume_pct for v in vs) / len(vs)) for vs in inside]
     assert [(r["peak_dbfs"], r["mean_snr_volume_pct"]) for r in corpus.segment_file(path, volume=True)] == expected
     assert [(p, m) for _, _, p, m in ktfront.segments_with_volume(s, rate)] == expected
+    # A long file with segments close together, then with one long segment: the readings kept
+    # while streaming against the whole file's.
+    s, rate = ktfront.load(WAVS[2])
+    with wave.open(str(tmp_path / "long.wav"), "wb") as w:
+        w.setparams((1, 2, rate, 0, "NONE", "NONE")); w.writeframes(np.tile(s, 10).tobytes())
+    for params, count in (("EOSTimeoutMs=60", 46), ("EOSTimeoutMs=3000", 1)):
+        streamed = [tuple(r.values())[1:] for r in corpus.segment_file(str(tmp_path / "long.wav"), params, volume=True)]
+        assert len(streamed) == count and streamed == ktfront.segments_with_volume(np.tile(s, 10), rate, params)
     with pytest.raises(FileNotFoundError): next(ktfront.iter_segments(tmp_path / "none.wav"))
-    with pytest.raises(ValueError, match="Value out of range"): next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
+    with pytest.raises(ValueError, match='^invalid parameter string "EOSTimeoutMs=-100": Value out of range$'):
+        next(ktfront.iter_segments(WAVS[0], "EOSTimeoutMs=-100"))
     (tmp_path / "bad.wav").write_bytes(b"RIFF....WAVEjunk")
     with pytest.raises(OSError, match="bad.wav"): list(ktfront.iter_segments(tmp_path / "bad.wav"))
 
@@ -204,7 +237,7 @@ def test_regions_post_processed_streamed_and_with_samples():
 @pytest.fixture(scope="session")
 def client():
     from dask.distributed import Client, LocalCluster
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, Client(cluster) as c:
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, Client(cluster) as c:
         yield c
 
 def test_dask_ships_package_functions_and_results(client, tmp_path):
@@ -213,8 +246,23 @@ def test_dask_ships_package_functions_and_results(client, tmp_path):
     assert rows == corpus.serial(files, volume=True) and len(rows) > len(files)
     assert sorted(map(json.dumps, rows)) == sorted(open(tmp_path / "table.jsonl").read().splitlines())
     assert rows[-1]["error"].startswith("FileNotFoundError") and all(r.get("peak_dbfs") is not None for r in rows[:-1])
-    cli = run_corpus("-o", tmp_path / "cli.jsonl", "--volume", "--scheduler", client.scheduler.address, *files)
-    assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
+    # The command on a scheduler and a worker started as on a machine of their own.
+    where, quiet = tmp_path / "scheduler.json", dict(stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    daemons = [subprocess.Popen(["dask", "scheduler", "--scheduler-file", where, "--port", "0", "--dashboard-address", ":0"], **quiet)]
+    try:
+        while not where.exists() or not where.read_text(): assert daemons[0].poll() is None; time.sleep(0.1)
+        daemons.append(subprocess.Popen(["dask", "worker", "--scheduler-file", where, "--nthreads", "1", "--dashboard-address", ":0"], **quiet))
+        cli = run_corpus("-o", tmp_path / "cli.jsonl", "--volume", "--scheduler", json.loads(where.read_text())["address"], *files)
+        assert cli.wait(120) == 1 and sorted(open(tmp_path / "cli.jsonl")) == sorted(open(tmp_path / "table.jsonl"))
+    finally:
+        for daemon in reversed(daemons): daemon.terminate(); daemon.wait(30)
+    full = run_corpus("-o", "/dev/full", "--scheduler", client.scheduler.address, *files)  # a disk that fills up
+    assert full.wait(60) == 2 and full.stderr.read().endswith(
+        "ktfront.corpus: error: cannot write /dev/full: No space left on device; it holds every file finished before (--resume goes on from there)\n")
+    os.symlink("/dev/stdout", tmp_path / "out.csv")  # not a regular file: nothing read back, the header once
+    out = run_corpus("-o", tmp_path / "out.csv", "--scheduler", client.scheduler.address, WAVS[0], stdout=subprocess.PIPE)
+    assert out.communicate(timeout=60)[0] == "file,start,end,peak_dbfs,mean_snr_volume_pct,error\n" + "".join(
+        f"{WAVS[0]},{a},{b},,,\n" for a, b in [(1.06, 4.52), (5.18, 7.58)]) and out.returncode == 0
     s, rate = client.submit(ktfront.load, WAVS[1]).result()
     assert client.submit(ktfront.frames, s, rate).result() == ktfront.frames(s, rate)
     assert client.submit(ktfront.regions, s, rate, keep_samples=True).result() == ktfront.regions(s, rate, keep_samples=True)
@@ -224,15 +272,22 @@ def run_corpus(*args, **kw):
 
 def test_corpus_command_as_a_long_job(tmp_path):
     table, files = tmp_path / "t.csv", WAVS + [str(tmp_path / "missing.wav")]
-    run = run_corpus("-o", table, "--workers", "2", "--params", "EOSTimeoutMs=300;Eos=1", *files)
-    assert run.wait(120) == 1 and 'reads no key "Eos"' in run.stderr.read()
+    run = run_corpus("-o", table, "--workers", "2", "--params", "EOSTimeoutMs=300.5;Eos=1", *files)
+    warned = [line for line in run.stderr.read().splitlines() if ": warning: " in line]
+    assert run.wait(120) == 1 and warned == ["ktfront.corpus: warning: EOSTimeoutMs=300.5 is read as 300",
+                                            'ktfront.corpus: warning: the speech analyzer reads no key "Eos" (keys are case-sensitive)']
+    if TOOL:  # word for word what the tool says
+        tool = subprocess.run([TOOL, "vad", "--params", "EOSTimeoutMs=300.5;Eos=1", WAVS[0]], capture_output=True, text=True).stderr
+        assert [line.replace("ktfront: ", "ktfront.corpus: ", 1) for line in tool.splitlines() if ": warning: " in line] == warned
     expected = corpus.serial(files, "EOSTimeoutMs=300")
     read = lambda: sorted([r["file"], r["start"], r["end"], r["error"][:17]] for r in csv.DictReader(open(table)))
     written = read()
     assert written == sorted([r["file"], str(r["start"] or ""), str(r["end"] or ""), r.get("error", "")[:17]] for r in expected)
-    for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table]):
-        bad = run_corpus(*args)
-        assert bad.wait(60) == 2 and bad.stderr.read().startswith("ktfront.corpus: error: ")
+    fast = {**os.environ, "DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "1s"}
+    for args in (["-o", tmp_path / "no" / "t.csv", WAVS[0]], ["-o", table, "--params", "EOSTimeoutMs=abc", WAVS[0]], ["-o", table],
+                 ["-o", table, "--workers", "0", WAVS[0]], ["-o", table, "--workers", "2", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]], ["-o", table, "--resume", "--scheduler", "tcp://127.0.0.1:1", WAVS[0]]):
+        bad = run_corpus(*args, env=fast)
+        assert bad.wait(60) == 2 and re.fullmatch("ktfront.corpus: error: [^\n]+\n", bad.stderr.read())
     assert read() == written  # nothing was touched
     many = tmp_path / "many"; many.mkdir()
     for i in range(3000): os.symlink(WAVS[0], many / f"{i:04}.wav")
@@ -241,7 +296,9 @@ def test_corpus_command_as_a_long_job(tmp_path):
     while not table.exists(): time.sleep(0.05)
     while len(open(table).readlines()) < 4 and run.poll() is None: time.sleep(0.05)
     os.killpg(run.pid, signal.SIGINT)  # Ctrl-C reaches the whole process group
-    assert run.wait(60) == 130 and run.stderr.read().strip().splitlines()[-1].startswith("ktfront.corpus: interrupted;")
+    said = run.stderr.read().strip().splitlines()  # progress, then one line: no traceback, no cluster chatter
+    assert run.wait(60) == 130 and said[-1].startswith("ktfront.corpus: interrupted;")
+    assert all(re.fullmatch(r"ktfront.corpus: \d+/\d+ files, 0 failed", line) for line in said[:-1]), said
     done = {r["file"] for r in csv.DictReader(open(table))}
     assert all(len([r for r in csv.DictReader(open(table)) if r["file"] == f]) == 2 for f in done)
     last = open(table).read().splitlines()[-1]
