@@ -799,6 +799,7 @@ PYBIND11_MODULE(_ktfront, m) {
         py::arg("block_ms") = 20);
   m.def("check_params", &CheckParams, py::arg("params"), py::arg("service"), py::arg("rate"));
   m.def("label_text", &LabelText, py::arg("regions"), py::arg("format"), py::arg("file_id"), py::arg("duration"));
+  m.def("recording_id", &ktcli::RecordingId, py::arg("path"));
   m.attr("ANALYSIS_RATES") = py::make_tuple(8000, 11025, 16000);
   m.attr("MAX_LOOK_BACK_FRAMES") = kt::AudioAnalyzer::kMaxLookBackFrames;
 }

@@ -119,8 +119,12 @@ def write_labels(found: Iterable[Union[Region, Segment, Tuple[float, float]]], p
                  file_id: str = "", duration: Optional[float] = None) -> str:
     """Writes regions (Region, Segment or (start_s, end_s)) as the tool's label writers do:
     format "plain", "audacity", "rttm", "textgrid" or "json"; file_id names the recording
-    in RTTM; duration (default: the last end) is the TextGrid's length. Returns the text,
-    and writes it to path when given."""
+    in RTTM (by default the stem of path, as the tool names a recording); duration (default:
+    the last end) is the TextGrid's length. Returns the text, and writes it to path when given."""
+    if format == "rttm" and not file_id:
+        if path is None:
+            raise ValueError("write_labels: an RTTM line names its recording: give file_id or path")
+        file_id = _ktfront.recording_id(os.fspath(path))
     pairs = [(r.start, r.end) if isinstance(r, (Region, Segment)) else (float(r[0]), float(r[1])) for r in found]
     if duration is None:
         duration = max((e for _, e in pairs), default=0.0)

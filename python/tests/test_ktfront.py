@@ -196,6 +196,8 @@ def test_files_streamed_and_labels_written_as_the_tool(tmp_path):
             stem = os.path.splitext(os.path.basename(path))[0]
             assert ktfront.write_labels(ktfront.regions(s, rate), tmp_path / "l", fmt, stem, len(s) / rate) == tool
             assert open(tmp_path / "l").read() == tool
+            if fmt == "rttm":  # the ID by default from the label file's name
+                assert ktfront.write_labels(ktfront.regions(s, rate), tmp_path / f"{stem}.rttm", fmt) == tool
     # The corpus's one-pass volume statistics against the readings of the whole file, in 20 ms blocks.
     an = ktfront.Analyzer(rate)
     readings = [r for at in range(0, len(s), rate // 50) for r in an.process(s[at:at + rate // 50]) + (an.flush() if at + rate // 50 >= len(s) else []) if r.type == "volume"]
