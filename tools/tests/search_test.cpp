@@ -93,11 +93,19 @@ TEST(Search, NearTiesGoToTheStartAndUnscorablePointsLose) {
   });
   options.startWeight = 0;
   EXPECT_EQ(ktcli::Search({kSpace[0]}, {30}, refusing.Objective(), options).best, Point{25});
-  // A budget of one scores the start alone.
+  // Without the pull, exact ties go to the point scored first: the start.
+  Counted constant([](const Point&) { return 0.5; });
+  EXPECT_EQ(ktcli::Search(kSpace, {3, 4, 5}, constant.Objective(), options).best, (Point{3, 4, 5}));
+  // A budget of one scores the start alone; a search stopped at once scores nothing.
   options.evaluations = 1;
   const ktcli::SearchResult one = ktcli::Search(kSpace, {3, 4, 5}, twin.Objective(), options);
   EXPECT_EQ(one.best, (Point{3, 4, 5}));
   EXPECT_EQ(one.tried, 1u);
+  options.evaluations = 200;
+  options.stop = [] { return true; };
+  twin.asked.clear();
+  const ktcli::SearchResult none = ktcli::Search(kSpace, {3, 4, 5}, twin.Objective(), options);
+  EXPECT_TRUE(none.best == (Point{3, 4, 5}) && none.tried == 0 && twin.asked.empty() && std::isinf(none.score));
 }
 
 TEST(Search, GridIndicesAndValues) {
