@@ -221,4 +221,40 @@ TEST(Cli, TuneIsTheSameForAnyJobsAndManyFilesKeepOrder) {
   EXPECT_EQ(many, header + "==> missing.wav <==\nerror: cannot read missing.wav: No such file or directory\n" + header);
 }
 
+// Two recordings labelled with opposite time-outs, each the vad's own output with it: a search
+// on either one picks its time-out, which the other recording punishes, so the cross-validated
+// error is worse than the defaults' and tune must print the defaults, although on both together
+// a shorter time-out scores better. Labelled alike, the searched time-out holds and is printed.
+TEST(Cli, TuneKeepsTheDefaultsUnlessTheyLoseOnHeldOutRecordings) {
+  char dir[] = "/tmp/ktfront_tune_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string d = dir;
+  std::ofstream(d + "/space") << "EOSTimeoutMs 100 1500\n";
+  int status = 0;
+  for (const bool alike : {false, true}) {
+    for (const std::string name : {"message_8000", "forecast_16000"}) {
+      const std::string timeout = name == "message_8000" && !alike ? "1500" : "100";
+      std::ofstream(d + "/" + name + ".labels") << RunTool("vad --params EOSTimeoutMs=" + timeout + " " + kSamples + "/" + name + ".wav", status);
+      ASSERT_EQ(status, 0);
+    }
+    const std::string files = " --labels " + d + "/message_8000.labels --labels " + d + "/forecast_16000.labels " +
+                              kSamples + "/message_8000.wav " + kSamples + "/forecast_16000.wav";
+    const std::string tuned = RunTool("tune --space " + d + "/space --evals 30" + files, status);
+    EXPECT_EQ(status, 0);
+    const std::string best = tuned.substr(0, tuned.find('\n'));
+    const bool kept = tuned.find("keeping the defaults") != std::string::npos;
+    if (alike) {
+      EXPECT_EQ(best, "best: EOSTimeoutMs=100") << tuned;
+      EXPECT_FALSE(kept) << tuned;
+    } else {
+      EXPECT_EQ(best, "best: EOSTimeoutMs=420") << tuned;
+      EXPECT_TRUE(kept) << tuned;
+      // Without cross-validation nothing holds the search back.
+      EXPECT_EQ(RunTool("tune --folds 0 --space " + d + "/space --evals 30" + files, status).rfind("best: EOSTimeoutMs=100\n", 0), 0u);
+    }
+  }
+  for (const char* name : {"space", "message_8000.labels", "forecast_16000.labels"}) std::remove((d + "/" + name).c_str());
+  rmdir(dir);
+}
+
 }  // namespace

@@ -78,6 +78,13 @@ TEST(Search, NearTiesGoToTheStartAndUnscorablePointsLose) {
   const ktcli::SearchResult rest = ktcli::Search(kSpace, {12, 7, 9}, flat.Objective(), options);
   EXPECT_EQ(rest.best, (Point{12, 7, 9}));
   EXPECT_EQ(rest.score, 0.25 - 12e-5);  // the score without the distance term
+  // A step down one key's range: it wins when it gains more than its distance costs (at
+  // least 8/60 of a range away on one key of two, 0.00067), and not when less.
+  for (const double gain : {0.001, 0.0006}) {
+    Counted step([gain](const Point& p) { return p[0] >= 20 ? 0.25 - gain : 0.25; });
+    const Point best = ktcli::Search({kSpace[0], kSpace[1]}, {12, 7}, step.Objective(), options).best;
+    EXPECT_EQ(best[0] >= 20, gain > 0.0008) << gain;
+  }
   // A deep step just off the start, but a point the objective cannot score (NaN, infinity) never wins.
   Counted refusing([](const Point& p) {
     if (p[0] < 20) return std::numeric_limits<double>::quiet_NaN();
@@ -86,11 +93,19 @@ TEST(Search, NearTiesGoToTheStartAndUnscorablePointsLose) {
   });
   options.startWeight = 0;
   EXPECT_EQ(ktcli::Search({kSpace[0]}, {30}, refusing.Objective(), options).best, Point{25});
-  // A budget of one scores the start alone.
+  // Without the pull, exact ties go to the point scored first: the start.
+  Counted constant([](const Point&) { return 0.5; });
+  EXPECT_EQ(ktcli::Search(kSpace, {3, 4, 5}, constant.Objective(), options).best, (Point{3, 4, 5}));
+  // A budget of one scores the start alone; a search stopped at once scores nothing.
   options.evaluations = 1;
   const ktcli::SearchResult one = ktcli::Search(kSpace, {3, 4, 5}, twin.Objective(), options);
   EXPECT_EQ(one.best, (Point{3, 4, 5}));
   EXPECT_EQ(one.tried, 1u);
+  options.evaluations = 200;
+  options.stop = [] { return true; };
+  twin.asked.clear();
+  const ktcli::SearchResult none = ktcli::Search(kSpace, {3, 4, 5}, twin.Objective(), options);
+  EXPECT_TRUE(none.best == (Point{3, 4, 5}) && none.tried == 0 && twin.asked.empty() && std::isinf(none.score));
 }
 
 TEST(Search, GridIndicesAndValues) {
