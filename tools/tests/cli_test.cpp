@@ -529,6 +529,36 @@ TEST(Input, FormatsAreRecognisedByTheirHeadersAndHeaderlessInputIsRefused) {
   ExpectEveryLabelFound("forecast_16000", Intervals(std::istringstream(Cli("vad --rate 16000 - < " + (dir / "x.raw")).out)), "raw");
 }
 
+// FLAC, CAF and VOC go back to their start once their header is read, which a pipe cannot:
+// made by libsndfile, sox and ffmpeg they read through a pipe as the WAV they came from. A CAF
+// streamed without its length is refused in one line that names it.
+TEST(Input, FormatsThatRereadTheirStartReadThroughPipes) {
+  Dir dir;
+  int rate = 0, channels = 0;
+  const std::string sample = Sample("forecast_16000");
+  const std::vector<short> samples = ReadAudio(sample, rate, channels);
+  const std::string reference = Cli("vad --json " + sample).out;
+  ExpectEveryLabelFound("forecast_16000", Intervals(std::istringstream(Cli("vad " + sample).out)), "wav");
+  const std::string ffmpeg = "ffmpeg -loglevel quiet -i " + sample;
+  std::vector<std::string> sources = {"sox " + sample + " -t flac -", ffmpeg + " -f flac -"};
+  for (const std::pair<const char*, int>& format : {std::pair<const char*, int>{"x.flac", SF_FORMAT_FLAC},
+                                                   {"x.caf", SF_FORMAT_CAF}, {"x.voc", SF_FORMAT_VOC}}) {
+    WriteAudio(dir / format.first, samples, rate, 1, format.second | SF_FORMAT_PCM_16);
+    sources.push_back("cat " + (dir / format.first));
+  }
+  for (const std::string& source : sources) {
+    const Cli piped("vad --json - < <(" + source + ")");
+    EXPECT_EQ(piped.status, 0) << source << ": " << piped.err;
+    EXPECT_TRUE(piped.out == reference) << source << ": " << piped.out;
+  }
+  const Cli asPath("vad --json <(cat " + (dir / "x.flac") + ")");  // a pipe that is not standard input
+  EXPECT_TRUE(asPath.status == 0 && asPath.out == reference) << asPath.err;
+  const Cli streamed("vad - < <(" + ffmpeg + " -f caf -)");
+  EXPECT_EQ(streamed.status, 1);
+  EXPECT_EQ(streamed.err, "ktfront: error: cannot read standard input: a CAF stream of unknown length is not "
+                          "supported (give a CAF file or WAV)\n");
+}
+
 // A symlink's target is replaced and keeps its mode; devices, FIFOs and standard output are
 // written in place.
 TEST(Output, GoesWhereItWasAskedFor) {
