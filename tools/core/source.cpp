@@ -166,13 +166,17 @@ class PipeReader {
   PipeReader(const PipeReader&) = delete;
   PipeReader& operator=(const PipeReader&) = delete;
 
+  // Made once, as threads may open inputs at the same time.
   static SF_VIRTUAL_IO* Callbacks() {
-    static SF_VIRTUAL_IO io{};
-    io.get_filelen = [](void*) -> sf_count_t { return SF_COUNT_MAX; };  // unknown, as for a pipe
-    io.seek = [](sf_count_t offset, int whence, void* self) { return static_cast<PipeReader*>(self)->Seek(offset, whence); };
-    io.read = [](void* to, sf_count_t count, void* self) { return static_cast<PipeReader*>(self)->Read(to, count); };
-    io.write = [](const void*, sf_count_t, void*) -> sf_count_t { return 0; };
-    io.tell = [](void* self) { return static_cast<PipeReader*>(self)->_position; };
+    static SF_VIRTUAL_IO io = [] {
+      SF_VIRTUAL_IO made{};
+      made.get_filelen = [](void*) -> sf_count_t { return SF_COUNT_MAX; };  // unknown, as for a pipe
+      made.seek = [](sf_count_t offset, int whence, void* self) { return static_cast<PipeReader*>(self)->Seek(offset, whence); };
+      made.read = [](void* to, sf_count_t count, void* self) { return static_cast<PipeReader*>(self)->Read(to, count); };
+      made.write = [](const void*, sf_count_t, void*) -> sf_count_t { return 0; };
+      made.tell = [](void* self) { return static_cast<PipeReader*>(self)->_position; };
+      return made;
+    }();
     return &io;
   }
 
