@@ -166,6 +166,12 @@ class PipeReader {
   PipeReader(const PipeReader&) = delete;
   PipeReader& operator=(const PipeReader&) = delete;
 
+  // The stream is read with these bytes in place of those at offset.
+  void Overwrite(sf_count_t offset, std::string bytes) {
+    _overwriteAt = offset;
+    _overwrite = std::move(bytes);
+  }
+
   // Made once, as threads may open inputs at the same time.
   static SF_VIRTUAL_IO* Callbacks() {
     static SF_VIRTUAL_IO io = [] {
@@ -183,6 +189,7 @@ class PipeReader {
  private:
   sf_count_t Read(void* to, sf_count_t count) {
     char* out = static_cast<char*>(to);
+    const sf_count_t begin = _position;
     sf_count_t done = 0;
     while (done < count) {
       if (_position < _taken) {  // again, from what was kept
@@ -201,6 +208,9 @@ class PipeReader {
         std::string().swap(_kept);
       }
       _taken += got, _position += got, done += got;
+    }
+    for (sf_count_t at = std::max(begin, _overwriteAt); at < _position && at - _overwriteAt < static_cast<sf_count_t>(_overwrite.size()); ++at) {
+      out[at - begin] = _overwrite[static_cast<size_t>(at - _overwriteAt)];
     }
     return done;
   }
@@ -224,22 +234,39 @@ class PipeReader {
   sf_count_t _taken = 0;  // bytes read from the pipe
   sf_count_t _position = 0;
   bool _keeping = true;
+  sf_count_t _overwriteAt = 0;
+  std::string _overwrite;
 };
 
 namespace {
 
-// A CAF written as a stream (a pipe, a recorder) leaves its data size at -1, "until the end",
-// which libsndfile does not read, from a file or a pipe.
-bool IsCafOfUnknownLength(const std::string& header) {
-  if (header.rfind("caff", 0) != 0) return false;
+// Where a CAF's data size is in its header, or 0.
+size_t CafDataSizeOffset(const std::string& header) {
+  if (header.rfind("caff", 0) != 0) return 0;
   for (size_t chunk = 8; chunk + 12 <= header.size();) {
     uint64_t bytes = 0;
     for (size_t i = 0; i < 8; ++i) bytes = bytes << 8 | static_cast<unsigned char>(header[chunk + 4 + i]);
-    if (header.compare(chunk, 4, "data") == 0) return bytes == UINT64_MAX;
-    if (bytes > header.size()) return false;
+    if (header.compare(chunk, 4, "data") == 0) return chunk + 4;
+    if (bytes > header.size()) return 0;
     chunk += 12 + static_cast<size_t>(bytes);
   }
-  return false;
+  return 0;
+}
+
+// A CAF written as a stream leaves its data size at -1, "up to the end", which libsndfile
+// does not read by itself.
+bool IsCafOfUnknownLength(const std::string& header) {
+  const size_t at = CafDataSizeOffset(header);
+  return at != 0 && header.compare(at, 8, std::string(8, '\xff')) == 0;
+}
+
+// libsndfile's own writer, on a pipe, gives the data size as 4 (the edit count alone) and
+// writes its header again into the audio, and once more at the end. From a pipe, whose first
+// bytes may not show the repeat yet, a data size of 4 is enough to tell.
+bool IsCafGivingNoLength(const std::string& header, bool streamed) {
+  const size_t at = CafDataSizeOffset(header);
+  return at != 0 && header.compare(at, 8, std::string("\0\0\0\0\0\0\0\4", 8)) == 0 &&
+         (streamed || header.compare(at + 12, 4, "caff") == 0);
 }
 
 // The formats whose reading goes back to the start, which a pipe cannot.
@@ -286,8 +313,18 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
                                " (raw audio needs --rate)");
     }
   }
-  if (rawRateHz == 0 && lseek(fd, 0, SEEK_CUR) < 0 && RereadsItsStart(header)) {
+  const bool streamed = lseek(fd, 0, SEEK_CUR) < 0;
+  if (IsCafGivingNoLength(header, streamed)) {
+    if (fd != STDIN_FILENO) close(fd);
+    throw std::runtime_error("cannot read " + _name +
+                             ": a CAF whose header gives no length, as libsndfile writes one to a pipe, is not "
+                             "supported (give a CAF file or WAV)");
+  }
+  const bool unknownLength = IsCafOfUnknownLength(header);
+  if (rawRateHz == 0 && (unknownLength || (streamed && RereadsItsStart(header)))) {
     _reader = std::make_unique<PipeReader>(fd);
+    // Read up to its end: the data size as the largest there can be.
+    if (unknownLength) _reader->Overwrite(static_cast<sf_count_t>(CafDataSizeOffset(header)), std::string("\x7f\xff\xff\xff\xff\xff\xff\xff", 8));
     _file = sf_open_virtual(PipeReader::Callbacks(), SFM_READ, &_info, _reader.get());
     _info.seekable = SF_FALSE;
   } else {
@@ -295,20 +332,17 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
   }
   if (!_file) {
     if (!_reader && fd != STDIN_FILENO) close(fd);
-    if (IsCafOfUnknownLength(header)) {
-      throw std::runtime_error("cannot read " + _name +
-                               ": a CAF stream of unknown length is not supported (give a CAF file or WAV)");
-    }
     throw std::runtime_error("cannot read " + _name + ": " + sf_strerror(nullptr));
   }
-  // libsndfile trusts the file over a header that claims more data, and only logs it.
+  // libsndfile trusts the file over a header that claims more data, and only logs it. A
+  // stream's length is not known before its end.
   char log[4096] = {};
   sf_command(_file, SFC_GET_LOG_INFO, log, sizeof log);
   for (const char* chunk : {"\ndata :", "\nSSND :"}) {
     const char* line = std::strstr(log, chunk);
     const char* lineEnd = line ? std::strchr(line + 1, '\n') : nullptr;
     const char* claim = line ? std::strstr(line, "(should be ") : nullptr;
-    if (claim && (!lineEnd || claim < lineEnd)) _truncated = true;
+    if (claim && (!lineEnd || claim < lineEnd) && !_reader) _truncated = true;
   }
   _float = IsFloatFormat(_info.format);
   try {
