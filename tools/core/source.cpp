@@ -149,7 +149,7 @@ bool IsFloatFormat(int format) {
   }
 }
 
-// libsndfile reads a pipe straight on, but its FLAC decoder and CAF parser go back to the
+// libsndfile reads a pipe straight on, but its FLAC, CAF and VOC readers go back to the
 // start after the header has been looked at. Over a pipe they read through this instead: the
 // first kKeptBytes stay in memory, so seeks back within them work until the stream passes that
 // point; seeks that would need more (back past it, or forward over audio) fail.
@@ -209,7 +209,8 @@ class PipeReader {
       }
       _taken += got, _position += got, done += got;
     }
-    for (sf_count_t at = std::max(begin, _overwriteAt); at < _position && at - _overwriteAt < static_cast<sf_count_t>(_overwrite.size()); ++at) {
+    const sf_count_t overwriteEnd = _overwriteAt + static_cast<sf_count_t>(_overwrite.size());
+    for (sf_count_t at = std::max(begin, _overwriteAt); at < std::min(_position, overwriteEnd); ++at) {
       out[at - begin] = _overwrite[static_cast<size_t>(at - _overwriteAt)];
     }
     return done;
@@ -324,7 +325,9 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
   if (rawRateHz == 0 && (unknownLength || (streamed && RereadsItsStart(header)))) {
     _reader = std::make_unique<PipeReader>(fd);
     // Read up to its end: the data size as the largest there can be.
-    if (unknownLength) _reader->Overwrite(static_cast<sf_count_t>(CafDataSizeOffset(header)), std::string("\x7f\xff\xff\xff\xff\xff\xff\xff", 8));
+    if (unknownLength) {
+      _reader->Overwrite(static_cast<sf_count_t>(CafDataSizeOffset(header)), std::string("\x7f\xff\xff\xff\xff\xff\xff\xff", 8));
+    }
     _file = sf_open_virtual(PipeReader::Callbacks(), SFM_READ, &_info, _reader.get());
     _info.seekable = SF_FALSE;
   } else {
