@@ -149,6 +149,132 @@ bool IsFloatFormat(int format) {
   }
 }
 
+// libsndfile reads a pipe straight on, but its FLAC, CAF and VOC readers go back to the
+// start after the header has been looked at. Over a pipe they read through this instead: the
+// first kKeptBytes stay in memory, so seeks back within them work until the stream passes that
+// point; seeks that would need more (back past it, or forward over audio) fail.
+constexpr sf_count_t kKeptBytes = 1 << 20;
+
+}  // namespace
+
+class PipeReader {
+ public:
+  explicit PipeReader(int fd) : _fd(fd) {}
+  ~PipeReader() {
+    if (_fd != STDIN_FILENO) close(_fd);
+  }
+  PipeReader(const PipeReader&) = delete;
+  PipeReader& operator=(const PipeReader&) = delete;
+
+  // The stream is read with these bytes in place of those at offset.
+  void Overwrite(sf_count_t offset, std::string bytes) {
+    _overwriteAt = offset;
+    _overwrite = std::move(bytes);
+  }
+
+  // Made once, as threads may open inputs at the same time.
+  static SF_VIRTUAL_IO* Callbacks() {
+    static SF_VIRTUAL_IO io = [] {
+      SF_VIRTUAL_IO made{};
+      made.get_filelen = [](void*) -> sf_count_t { return SF_COUNT_MAX; };  // unknown, as for a pipe
+      made.seek = [](sf_count_t offset, int whence, void* self) { return static_cast<PipeReader*>(self)->Seek(offset, whence); };
+      made.read = [](void* to, sf_count_t count, void* self) { return static_cast<PipeReader*>(self)->Read(to, count); };
+      made.write = [](const void*, sf_count_t, void*) -> sf_count_t { return 0; };
+      made.tell = [](void* self) { return static_cast<PipeReader*>(self)->_position; };
+      return made;
+    }();
+    return &io;
+  }
+
+ private:
+  sf_count_t Read(void* to, sf_count_t count) {
+    char* out = static_cast<char*>(to);
+    const sf_count_t begin = _position;
+    sf_count_t done = 0;
+    while (done < count) {
+      if (_position < _taken) {  // again, from what was kept
+        const sf_count_t n = std::min(count - done, _taken - _position);
+        std::memcpy(out + done, _kept.data() + _position, static_cast<size_t>(n));
+        _position += n, done += n;
+        continue;
+      }
+      const ssize_t got = read(_fd, out + done, static_cast<size_t>(count - done));
+      if (got < 0 && errno == EINTR) continue;  // a signal turns standard input into its end
+      if (got <= 0) break;
+      if (_keeping && _taken + got <= kKeptBytes) {
+        _kept.append(out + done, static_cast<size_t>(got));
+      } else if (_keeping) {
+        _keeping = false;  // past the start: nothing more is needed again
+        std::string().swap(_kept);
+      }
+      _taken += got, _position += got, done += got;
+    }
+    const sf_count_t overwriteEnd = _overwriteAt + static_cast<sf_count_t>(_overwrite.size());
+    for (sf_count_t at = std::max(begin, _overwriteAt); at < std::min(_position, overwriteEnd); ++at) {
+      out[at - begin] = _overwrite[static_cast<size_t>(at - _overwriteAt)];
+    }
+    return done;
+  }
+
+  sf_count_t Seek(sf_count_t offset, int whence) {
+    const sf_count_t target = whence == SEEK_SET ? offset : whence == SEEK_CUR ? _position + offset : -1;
+    if (target == _position) return _position;
+    if (target < 0 || !_keeping || target > kKeptBytes) return -1;
+    if (target <= _taken) {
+      _position = target;
+      return _position;
+    }
+    std::string skipped(static_cast<size_t>(target - _taken), '\0');  // forward within the start
+    _position = _taken;
+    if (Read(&skipped[0], target - _taken) != target - _taken) return -1;
+    return _position;
+  }
+
+  int _fd;
+  std::string _kept;  // the stream's first _taken bytes while _keeping
+  sf_count_t _taken = 0;  // bytes read from the pipe
+  sf_count_t _position = 0;
+  bool _keeping = true;
+  sf_count_t _overwriteAt = 0;
+  std::string _overwrite;
+};
+
+namespace {
+
+// Where a CAF's data size is in its header, or 0.
+size_t CafDataSizeOffset(const std::string& header) {
+  if (header.rfind("caff", 0) != 0) return 0;
+  for (size_t chunk = 8; chunk + 12 <= header.size();) {
+    uint64_t bytes = 0;
+    for (size_t i = 0; i < 8; ++i) bytes = bytes << 8 | static_cast<unsigned char>(header[chunk + 4 + i]);
+    if (header.compare(chunk, 4, "data") == 0) return chunk + 4;
+    if (bytes > header.size()) return 0;
+    chunk += 12 + static_cast<size_t>(bytes);
+  }
+  return 0;
+}
+
+// A CAF written as a stream leaves its data size at -1, "up to the end", which libsndfile
+// does not read by itself.
+bool IsCafOfUnknownLength(const std::string& header) {
+  const size_t at = CafDataSizeOffset(header);
+  return at != 0 && header.compare(at, 8, std::string(8, '\xff')) == 0;
+}
+
+// libsndfile's own writer, on a pipe, gives the data size as 4 (the edit count alone) and
+// writes its header again into the audio, and once more at the end. From a pipe, whose first
+// bytes may not show the repeat yet, a data size of 4 is enough to tell.
+bool IsCafGivingNoLength(const std::string& header, bool streamed) {
+  const size_t at = CafDataSizeOffset(header);
+  return at != 0 && header.compare(at, 8, std::string("\0\0\0\0\0\0\0\4", 8)) == 0 &&
+         (streamed || header.compare(at + 12, 4, "caff") == 0);
+}
+
+// The formats whose reading goes back to the start, which a pipe cannot.
+bool RereadsItsStart(const std::string& header) {
+  return header.rfind("fLaC", 0) == 0 || header.rfind("caff", 0) == 0 || header.rfind("Creative Voice File", 0) == 0;
+}
+
 }  // namespace
 
 int AudioSource::AnalysisRateFor(int rateHz) {
@@ -169,38 +295,57 @@ AudioSource::AudioSource(const std::string& path, int rawRateHz) : _name(NameOf(
   if (fd < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
   fstat(fd, &status);
   _live = !S_ISREG(status.st_mode);
+  std::string header;
   if (rawRateHz > 0) {
     _info.samplerate = rawRateHz;
     _info.channels = 1;
     _info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
   } else {
-    std::string bytes;
     try {
-      bytes = Peek(fd, _name);
+      header = Peek(fd, _name);
     } catch (...) {
       if (fd != STDIN_FILENO) close(fd);
       throw;
     }
-    if (Recognise(bytes, true) != Header::Known) {
+    if (Recognise(header, true) != Header::Known) {
       if (fd != STDIN_FILENO) close(fd);
       throw std::runtime_error("cannot read " + _name + ": " +
-                               (bytes.empty() ? "it is empty" : "no audio file header recognised") +
+                               (header.empty() ? "it is empty" : "no audio file header recognised") +
                                " (raw audio needs --rate)");
     }
   }
-  _file = sf_open_fd(fd, SFM_READ, &_info, fd == STDIN_FILENO ? SF_FALSE : SF_TRUE);
-  if (!_file) {
+  const bool streamed = lseek(fd, 0, SEEK_CUR) < 0;
+  if (IsCafGivingNoLength(header, streamed)) {
     if (fd != STDIN_FILENO) close(fd);
+    throw std::runtime_error("cannot read " + _name +
+                             ": a CAF whose header gives no length, as libsndfile writes one to a pipe, is not "
+                             "supported (give a CAF file or WAV)");
+  }
+  const bool unknownLength = IsCafOfUnknownLength(header);
+  if (rawRateHz == 0 && (unknownLength || (streamed && RereadsItsStart(header)))) {
+    _reader = std::make_unique<PipeReader>(fd);
+    // Read up to its end: the data size as the largest there can be.
+    if (unknownLength) {
+      _reader->Overwrite(static_cast<sf_count_t>(CafDataSizeOffset(header)), std::string("\x7f\xff\xff\xff\xff\xff\xff\xff", 8));
+    }
+    _file = sf_open_virtual(PipeReader::Callbacks(), SFM_READ, &_info, _reader.get());
+    _info.seekable = SF_FALSE;
+  } else {
+    _file = sf_open_fd(fd, SFM_READ, &_info, fd == STDIN_FILENO ? SF_FALSE : SF_TRUE);
+  }
+  if (!_file) {
+    if (!_reader && fd != STDIN_FILENO) close(fd);
     throw std::runtime_error("cannot read " + _name + ": " + sf_strerror(nullptr));
   }
-  // libsndfile trusts the file over a header that claims more data, and only logs it.
+  // libsndfile trusts the file over a header that claims more data, and only logs it. A
+  // stream's length is not known before its end.
   char log[4096] = {};
   sf_command(_file, SFC_GET_LOG_INFO, log, sizeof log);
   for (const char* chunk : {"\ndata :", "\nSSND :"}) {
     const char* line = std::strstr(log, chunk);
     const char* lineEnd = line ? std::strchr(line + 1, '\n') : nullptr;
     const char* claim = line ? std::strstr(line, "(should be ") : nullptr;
-    if (claim && (!lineEnd || claim < lineEnd)) _truncated = true;
+    if (claim && (!lineEnd || claim < lineEnd) && !_reader) _truncated = true;
   }
   _float = IsFloatFormat(_info.format);
   try {

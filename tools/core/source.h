@@ -12,6 +12,7 @@
 
 namespace ktcli {
 
+class PipeReader;
 class Resampler;
 
 // Interleaved 16-bit frames at their own rate and channels, mixed to mono and resampled to
@@ -74,6 +75,7 @@ class AudioSource {
  private:
   std::string _name;
   SF_INFO _info{};
+  std::unique_ptr<PipeReader> _reader;  // over a pipe, for formats that reread their start
   SNDFILE* _file = nullptr;
   std::unique_ptr<MonoConverter> _converter;
   std::vector<short> _sourceChunk;
