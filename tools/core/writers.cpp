@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <stdexcept>
 #include <cmath>
+#include <stdexcept>
 
 #include "textformat.h"
 

@@ -97,27 +97,8 @@ PlotData::Frame Extremes(const PlotData::Frame& a, const PlotData::Frame& b, boo
 
 }  // namespace
 
-void PlotData::FrameSpans::Add(const Frame& frame) {
-  const size_t number = _next++;
-  if (number < _first || number >= _end) return;
-  if (!_spans.empty() && _inLast < _perSpan) {
-    Span& last = _spans.back();
-    last.low = Extremes(last.low, frame, false);
-    last.high = Extremes(last.high, frame, true);
-    ++_inLast;
-    return;
-  }
-  if (_spans.size() == kMaxSpans) {
-    // Every span is full: merge pairs, each then covering twice the frames.
-    for (size_t i = 0; i < kMaxSpans / 2; ++i) {
-      _spans[i] = {Extremes(_spans[2 * i].low, _spans[2 * i + 1].low, false),
-                   Extremes(_spans[2 * i].high, _spans[2 * i + 1].high, true)};
-    }
-    _spans.resize(kMaxSpans / 2);
-    _perSpan *= 2;
-  }
-  _spans.push_back({frame, frame});
-  _inLast = 1;
+PlotData::FrameSpans::Span PlotData::FrameSpans::Span::Merge(const Span& a, const Span& b) {
+  return {Extremes(a.low, b.low, false), Extremes(a.high, b.high, true)};
 }
 
 PlotData::Volume PlotData::Volume::Of(float startS, float endS, float snrVolumePct, kt::AnalyzerVolumeMeter::Info info) {

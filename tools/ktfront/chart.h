@@ -28,30 +28,6 @@ struct PlotData {
     float energy, startThreshold, endThreshold, noiseLevel, speechLevel;  // levels NaN until learnt
     int16_t low = 0, high = 0;
   };
-  // The frames of a window, one span each; once they outnumber what a picture can show, the
-  // spans widen (pairs merge) and keep each value's extremes, so that memory follows the
-  // picture's width rather than the recording's length.
-  class FrameSpans {
-   public:
-    struct Span {
-      Frame low, high;  // per value, the least and the greatest of the span's frames; NaN if none
-    };
-    static constexpr size_t kMaxSpans = 4096;
-    // Keeps frames firstFrame to endFrame (excluded) of those added.
-    explicit FrameSpans(size_t firstFrame = 0, size_t endFrame = SIZE_MAX) : _first(firstFrame), _end(endFrame) {}
-    void Add(const Frame& frame);
-    const std::vector<Span>& GetSpans() const { return _spans; }
-    size_t GetFirstFrame() const { return _first; }
-    size_t GetFramesPerSpan() const { return _perSpan; }
-
-   private:
-    size_t _first;
-    size_t _end;
-    size_t _next = 0;    // the number of the next frame added
-    size_t _perSpan = 1;
-    size_t _inLast = 0;  // frames in the last span
-    std::vector<Span> _spans;
-  };
   // Spans of consecutive items of a series, at most kMaxSpans: once full, neighbouring pairs
   // merge (T::Merge), so that memory follows the picture's width, not the recording's length.
   template <typename T>
@@ -73,11 +49,36 @@ struct PlotData {
       _inLast = 1;
     }
     const std::vector<T>& Get() const { return _spans; }
+    size_t GetItemsPerSpan() const { return _perSpan; }
 
    private:
     size_t _perSpan = 1;
     size_t _inLast = 0;
     std::vector<T> _spans;
+  };
+  // The frames of a window, one span each, bounded as Spans bounds them; a span keeps each
+  // value's extremes.
+  class FrameSpans {
+   public:
+    struct Span {
+      Frame low, high;  // per value, the least and the greatest of the span's frames; NaN if none
+      static Span Merge(const Span& a, const Span& b);
+    };
+    // Keeps frames firstFrame to endFrame (excluded) of those added.
+    explicit FrameSpans(size_t firstFrame = 0, size_t endFrame = SIZE_MAX) : _first(firstFrame), _end(endFrame) {}
+    void Add(const Frame& frame) {
+      const size_t number = _next++;
+      if (number >= _first && number < _end) _spans.Add({frame, frame});
+    }
+    const std::vector<Span>& GetSpans() const { return _spans.Get(); }
+    size_t GetFirstFrame() const { return _first; }
+    size_t GetFramesPerSpan() const { return _spans.GetItemsPerSpan(); }
+
+   private:
+    size_t _first;
+    size_t _end;
+    size_t _next = 0;  // the number of the next frame added
+    Spans<Span> _spans;
   };
   // Volume readings, each covering the time since the one before: SNR volume in per cent.
   struct Volume {
